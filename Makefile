@@ -1,0 +1,65 @@
+# Entry points of the project. Each target installs what it needs from
+# Debian's archive first (skipped at once when everything is present).
+#
+#   make demo                 build and run the example agent
+#   make test                 build and run every test
+#   make test SANITIZE=address,undefined
+#                             the same suite under the sanitizers
+#   make bench                build and run the benchmarks
+#   make install PREFIX=/usr/local
+
+SHELL := /bin/bash
+SANITIZE ?=
+PREFIX ?= /usr/local
+JOBS ?= $(shell nproc)
+BUILD_TYPE ?= RelWithDebInfo
+
+ifeq ($(SANITIZE),)
+BUILD_DIR ?= build
+else
+BUILD_DIR ?= build-$(subst $(comma),-,$(SANITIZE))
+endif
+comma := ,
+
+PACKAGES := g++ make cmake ninja-build pkg-config libevent-dev libfmt-dev \
+            rapidjson-dev libboost-dev googletest libgtest-dev libgmock-dev \
+            libbenchmark-dev
+
+.PHONY: all deps configure build test demo bench install clean
+
+all: build
+
+deps:
+	@missing=$$(for p in $(PACKAGES); do \
+	    dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'install ok installed' || echo $$p; \
+	  done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing missing packages:" $$missing; \
+	  export DEBIAN_FRONTEND=noninteractive; \
+	  apt-get update -qq && apt-get install -y -qq --no-install-recommends $$missing </dev/null; \
+	fi
+
+$(BUILD_DIR)/build.ninja: | deps
+	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) \
+	  -DKESTO_SANITIZE=$(SANITIZE) -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
+	  $(if $(SANITIZE),-DKESTO_BUILD_BENCH=OFF)
+
+configure: deps $(BUILD_DIR)/build.ninja
+
+build: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+demo: build
+	$(BUILD_DIR)/examples/demo_agent
+
+bench: build
+	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+install: build
+	cmake --install $(BUILD_DIR)
+
+clean:
+	rm -rf build build-*

@@ -1,0 +1,38 @@
+// Small process and platform facts.
+#pragma once
+
+#include <Kesto/Core/String.h>
+
+#include <sys/types.h>
+
+#include <typeinfo>
+
+namespace Kesto {
+
+// Kernel thread id of the caller (cached per thread).
+pid_t gettid() noexcept;
+
+// True when the caller is the process's main thread (its tid equals its pid).
+bool isMainThread() noexcept;
+
+// Whether singletons of the family (timer wheels, say) are one per thread
+// rather than one per process. This family keeps one event base per thread,
+// so it answers true.
+bool hasThreadLocalSingletons() noexcept;
+
+// The text of an errno value, thread-safe.
+String strerror(int error);
+
+// A readable type name from a mangled one; the input is returned unchanged
+// when it does not demangle.
+String typeName(const char* mangledName);
+inline String typeName(const std::type_info& type) { return typeName(type.name()); }
+template <typename T>
+String typeName() {
+  return typeName(typeid(T));
+}
+
+// The fcntl command of open-file-description locks on this platform.
+int cmd_F_OFD_SETLK() noexcept;
+
+} // namespace Kesto

@@ -1,0 +1,10 @@
+#pragma once
+#define TIMEOUTS_VERSION_STRING "0.1.0"
+#ifdef __cplusplus
+extern "C" {
+#endif
+/* Version of the loaded library, which may differ from the header's. */
+const char* timeouts_version(void);
+#ifdef __cplusplus
+}
+#endif

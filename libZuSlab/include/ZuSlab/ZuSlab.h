@@ -1,0 +1,59 @@
+// ZuSlab: slab allocator for the family's small fixed-size objects.
+//
+// Tasks, controls, trace handlers and container nodes are allocated and freed
+// at high rates in a few fixed sizes. Serving them from per-size slabs keeps
+// them dense and makes allocation a pop from a free list. Sizes above the
+// largest class go to malloc; slabFreeOrStdFree tells the two apart by the
+// address, so callers never remember where a block came from.
+//
+// Memory that the application frees becomes reusable at once and, once a
+// whole page of a slab is free, can be given back to the system by the two
+// maintenance functions, which work in slices so that a scheduler can run
+// them in the time other tasks leave over.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <utility>
+
+namespace ZuSlab {
+
+// Allocates `size` bytes aligned to 16 (to the size class's alignment); from
+// a slab when a class serves the size, otherwise from malloc. Never returns
+// null: failure throws std::bad_alloc.
+void* slabAllocOrStdMalloc(std::size_t size);
+
+// Frees a block from slabAllocOrStdMalloc. Null is ignored.
+void slabFreeOrStdFree(void* p) noexcept;
+
+// Usable size of a block from slabAllocOrStdMalloc.
+std::size_t slabUsableSize(const void* p) noexcept;
+
+// True when `p` lies in slab memory.
+bool slabOwns(const void* p) noexcept;
+
+// 1: one process-wide set of slabs; 2: each thread has caches of its own,
+// and empty pages are found per thread by the empty-page scanner.
+int slabAllocatorThreadMode() noexcept;
+
+// Maintenance, for a background task. Each call does work in slices and
+// calls `stop` between slices; it returns when `stop` answers true or when
+// there is nothing left. The result is (more work is pending now, amount of
+// work done). Neither function throws.
+//
+// RunMadvise hands fully free pages back to the system (MADV_DONTNEED); the
+// pages stay mapped and are reused without a fault storm.
+std::pair<bool, unsigned long> slabAllocatorRunMadvise(std::function<bool()> stop) noexcept;
+// RunEmptyPageScanner moves pages of the calling thread's caches that have
+// become entirely free to the list of pages RunMadvise returns.
+std::pair<bool, unsigned long> slabAllocatorRunEmptyPageScanner(std::function<bool()> stop) noexcept;
+
+struct SlabStats {
+  std::size_t pagesMapped = 0;    // pages obtained from the system
+  std::size_t pagesReturned = 0;  // pages currently given back by madvise
+  std::size_t blocksInUse = 0;    // live slab blocks
+  std::size_t largeAllocations = 0; // live blocks served by malloc
+};
+SlabStats slabStats() noexcept;
+
+} // namespace ZuSlab

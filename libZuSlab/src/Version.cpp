@@ -1,0 +1,5 @@
+#include <ZuSlab/Version.h>
+
+namespace ZuSlab {
+const char* version() noexcept { return ZUSLAB_VERSION_STRING; }
+} // namespace ZuSlab

@@ -1,0 +1,7 @@
+// The whole public interface of libEventKesto in one include.
+// A test checks that every exported header is listed here.
+#pragma once
+
+#include <Kesto/DebugHandler.h>
+#include <Kesto/Trace.h>
+#include <Kesto/Version.h>

@@ -1,0 +1,5 @@
+#include <Kesto/Version.h>
+
+namespace Kesto {
+const char* eventKestoVersion() noexcept { return EVENTKESTO_VERSION_STRING; }
+} // namespace Kesto
