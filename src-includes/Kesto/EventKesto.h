@@ -3,5 +3,6 @@
 #pragma once
 
 #include <Kesto/DebugHandler.h>
+#include <Kesto/Time.h>
 #include <Kesto/Trace.h>
 #include <Kesto/Version.h>

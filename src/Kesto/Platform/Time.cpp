@@ -1,0 +1,23 @@
+#include <Kesto/Platform/VirtualTimeOffset.h>
+#include <Kesto/Time.h>
+
+#include <ctime>
+
+namespace Kesto {
+
+namespace Platform::Impl {
+thread_local timeval virtualTimeOffset{0, 0};
+} // namespace Platform::Impl
+
+double leVirtualTimeOffset() noexcept {
+  const timeval& offset = Platform::Impl::virtualTimeOffset;
+  return double(offset.tv_usec) / 1e6 + double(offset.tv_sec);
+}
+
+Time time() noexcept {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return double(ts.tv_nsec) / 1e9 + double(ts.tv_sec) + leVirtualTimeOffset();
+}
+
+} // namespace Kesto
