@@ -1,10 +1,11 @@
-#include <Kesto/Core/HashMix.h>
 #include <Kesto/Core/String.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <mutex>
 #include <new>
-#include <unordered_set>
 
 namespace Kesto {
 
@@ -19,10 +20,55 @@ char* allocateChars(U32 capacity) {
   return p;
 }
 
+// A fast byte hash for the interning table and String::hash: eight bytes a
+// step, with a final avalanche so that the low bits (the table index) depend
+// on every byte. It is private to this file; the family's stable hash, the one
+// that may be stored, is Impl::HashMix.
+U64 fastHash(const char* p, std::size_t n) noexcept {
+  constexpr U64 k = 0x9e3779b97f4a7c15ull;
+  U64 h = (U64(n) + 1) * k;
+  while (n >= 8) {
+    U64 w;
+    std::memcpy(&w, p, 8);
+    h = (h ^ w) * k;
+    h ^= h >> 29;
+    p += 8;
+    n -= 8;
+  }
+  if (n) {
+    U64 w = 0;
+    std::memcpy(&w, p, n);
+    h = (h ^ w) * k;
+  }
+  h ^= h >> 32;
+  h *= 0xd6e8feb86659fd93ull;
+  h ^= h >> 32;
+  return h;
+}
+
+// One interned text. Its hash is kept beside it, so that probing compares
+// hashes before bytes and a deduplicated String hashes without reading its
+// text.
+struct InternedEntry {
+  U64 hash;
+  U32 size;
+  char text[4]; // really size + 1 bytes
+
+  static const InternedEntry* of(const char* text) noexcept {
+    return reinterpret_cast<const InternedEntry*>(text - offsetof(InternedEntry, text));
+  }
+};
+
 // The interning table. Texts are copied into chunks that are never freed, so
 // a deduplicated String stays valid for the life of the process, across
-// threads, and needs no count. The table is split into shards by hash so that
-// threads naming their objects at once rarely meet on one mutex.
+// threads, and needs no count.
+//
+// Finding a text that is already there takes no lock: the table is an open
+// addressing array of atomic entry pointers, written only under the mutex and
+// published with release stores after the entry is complete. A table that
+// grows is replaced by a larger copy; the old array is kept (never freed), so
+// that a reader still probing it stays safe, and at worst misses an entry
+// added since, which sends it to the locked path where it finds it.
 class DedupTable {
 public:
   static DedupTable& instance() {
@@ -32,70 +78,112 @@ public:
     return *table;
   }
 
-  std::string_view intern(std::string_view text) {
-    const std::size_t h = hashBytes(text);
-    Shard& shard = shards_[h % shardCount];
-    std::lock_guard<std::mutex> guard(shard.mutex);
-    auto it = shard.set.find(text);
-    if (it != shard.set.end())
-      return *it;
-    std::string_view stored = shard.store(text);
-    shard.set.insert(stored);
-    return stored;
+  // Returns the stored copy of `text` (NUL-terminated, never freed).
+  const char* intern(std::string_view text) {
+    const U64 h = fastHash(text.data(), text.size());
+    if (const Entry* e = lookup(table_.load(std::memory_order_acquire), h, text)) [[likely]]
+      return e->text;
+    std::lock_guard<std::mutex> guard(mutex_);
+    Table* t = table_.load(std::memory_order_relaxed);
+    if (const Entry* e = lookup(t, h, text))
+      return e->text;
+    if ((count_ + 1) * 2 > t->mask + 1)
+      t = grow(t);
+    const Entry* e = makeEntry(h, text);
+    insert(t, e);
+    ++count_;
+    return e->text;
   }
 
   std::size_t size() {
-    std::size_t n = 0;
-    for (auto& shard : shards_) {
-      std::lock_guard<std::mutex> guard(shard.mutex);
-      n += shard.set.size();
-    }
-    return n;
+    std::lock_guard<std::mutex> guard(mutex_);
+    return count_;
   }
 
 private:
-  static std::size_t hashBytes(std::string_view text) noexcept {
-    return Impl::HashMix::mix(Impl::HashMix::fnvOffset64, text.data(), static_cast<U32>(text.size()));
+  using Entry = InternedEntry;
+
+  struct Table {
+    std::size_t mask;
+    std::atomic<const Entry*> slots[1]; // really mask + 1
+  };
+
+  static constexpr std::size_t initialSlots = 1024;
+  static constexpr std::size_t chunkSize = 64 * 1024;
+
+  DedupTable() : table_(newTable(initialSlots)) {}
+
+  static const Entry* lookup(const Table* t, U64 h, std::string_view text) noexcept {
+    for (std::size_t i = h & t->mask;; i = (i + 1) & t->mask) {
+      const Entry* e = t->slots[i].load(std::memory_order_acquire);
+      if (!e)
+        return nullptr;
+      if (e->hash == h && e->size == text.size() && std::memcmp(e->text, text.data(), text.size()) == 0)
+        return e;
+    }
   }
 
-  struct ViewHash {
-    std::size_t operator()(std::string_view v) const noexcept { return hashBytes(v); }
-  };
+  static void insert(Table* t, const Entry* e) noexcept {
+    std::size_t i = e->hash & t->mask;
+    while (t->slots[i].load(std::memory_order_relaxed))
+      i = (i + 1) & t->mask;
+    t->slots[i].store(e, std::memory_order_release);
+  }
 
-  struct Shard {
-    static constexpr std::size_t chunkSize = 64 * 1024;
+  static Table* newTable(std::size_t slots) {
+    const std::size_t bytes = sizeof(Table) + (slots - 1) * sizeof(std::atomic<const Entry*>);
+    void* memory = std::calloc(1, bytes);
+    if (!memory)
+      outOfMemory();
+    auto* t = static_cast<Table*>(memory);
+    t->mask = slots - 1;
+    for (std::size_t i = 0; i < slots; ++i)
+      new (&t->slots[i]) std::atomic<const Entry*>(nullptr);
+    return t;
+  }
 
-    std::string_view store(std::string_view text) {
-      const std::size_t need = text.size() + 1;
-      char* p;
-      if (need > chunkSize / 4) {
-        p = static_cast<char*>(std::malloc(need)); // large texts get their own block
-        if (!p)
+  Table* grow(Table* old) {
+    Table* t = newTable((old->mask + 1) * 2);
+    for (std::size_t i = 0; i <= old->mask; ++i)
+      if (const Entry* e = old->slots[i].load(std::memory_order_relaxed))
+        insert(t, e);
+    table_.store(t, std::memory_order_release);
+    return t; // `old` stays allocated: readers may still be probing it
+  }
+
+  const Entry* makeEntry(U64 h, std::string_view text) {
+    const std::size_t need = (offsetof(Entry, text) + text.size() + 1 + 7) & ~std::size_t(7);
+    void* memory;
+    if (need > chunkSize / 4) {
+      memory = std::malloc(need); // large texts get their own block
+      if (!memory)
+        outOfMemory();
+    } else {
+      if (need > left_) {
+        cursor_ = static_cast<char*>(std::malloc(chunkSize));
+        if (!cursor_)
           outOfMemory();
-      } else {
-        if (need > left) {
-          cursor = static_cast<char*>(std::malloc(chunkSize));
-          if (!cursor)
-            outOfMemory();
-          left = chunkSize;
-        }
-        p = cursor;
-        cursor += need;
-        left -= need;
+        left_ = chunkSize;
       }
-      std::memcpy(p, text.data(), text.size());
-      p[text.size()] = '\0';
-      return {p, text.size()};
+      memory = cursor_;
+      cursor_ += need;
+      left_ -= need;
     }
+    auto* e = static_cast<Entry*>(memory);
+    e->hash = h;
+    e->size = static_cast<U32>(text.size());
+    // The text runs past the declared array, into the rest of the block.
+    char* stored = static_cast<char*>(memory) + offsetof(Entry, text);
+    std::memcpy(stored, text.data(), text.size());
+    stored[text.size()] = '\0';
+    return e;
+  }
 
-    std::mutex mutex;
-    std::unordered_set<std::string_view, ViewHash> set;
-    char* cursor = nullptr;
-    std::size_t left = 0;
-  };
-
-  static constexpr std::size_t shardCount = 16;
-  Shard shards_[shardCount];
+  std::atomic<Table*> table_;
+  std::mutex mutex_;
+  std::size_t count_ = 0;
+  char* cursor_ = nullptr;
+  std::size_t left_ = 0;
 };
 
 } // namespace
@@ -103,6 +191,19 @@ private:
 void String::freeHeap() noexcept {
   if (isOrdinary())
     std::free(ownedData());
+}
+
+void String::initFrom(std::string_view text) {
+  const U32 n = static_cast<U32>(text.size());
+  if (n <= shortCapacity) {
+    std::memcpy(bytes_, text.data(), n);
+    setShortSize(n);
+    return;
+  }
+  char* p = allocateChars(n);
+  std::memcpy(p, text.data(), n);
+  p[n] = '\0';
+  setHeap(p, n, n, Form::ordinaryForm);
 }
 
 void String::assign(std::string_view text) {
@@ -153,10 +254,14 @@ String& String::addRight(std::string_view text) {
     return *this;
   }
   if (!(isOrdinary() && heapCapacity() >= total)) {
-    // Keep the source alive if it points into our own buffer.
-    String keep(text);
+    const char* own = data();
+    if (text.data() >= own && text.data() < own + n + 1) {
+      // The text is part of this string: keep it alive across the move.
+      String keep(text);
+      reserveOrdinary(std::max<U32>(total, n + n / 2));
+      return addRight(keep.view());
+    }
     reserveOrdinary(std::max<U32>(total, n + n / 2));
-    return addRight(keep.view());
   }
   char* p = ownedData();
   std::memmove(p + n, text.data(), add);
@@ -209,14 +314,15 @@ String String::dedup() const {
 String String::dedup(std::string_view text) {
   if (text.size() <= shortCapacity)
     return String(text);
-  std::string_view stored = DedupTable::instance().intern(text);
-  return fromInterned(stored.data(), static_cast<U32>(stored.size()));
+  return fromInterned(DedupTable::instance().intern(text), static_cast<U32>(text.size()));
 }
 
 std::size_t String::dedupTableSize() { return DedupTable::instance().size(); }
 
 std::size_t String::hash() const noexcept {
-  return Impl::HashMix::mix(Impl::HashMix::fnvOffset64, data(), size());
+  if (isDedup())
+    return InternedEntry::of(heapData())->hash;
+  return fastHash(data(), size());
 }
 
 } // namespace Kesto

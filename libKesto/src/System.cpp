@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -11,20 +12,38 @@
 
 namespace Kesto {
 
-pid_t gettid() noexcept {
-  // The tid of a thread never changes, but a forked child is a new thread
-  // with the caller's cache: compare against the pid it was taken under.
-  thread_local pid_t cachedTid = 0;
-  thread_local pid_t cachedPid = 0;
-  pid_t pid = ::getpid();
-  if (cachedTid == 0 || cachedPid != pid) {
-    cachedTid = static_cast<pid_t>(::syscall(SYS_gettid));
-    cachedPid = pid;
-  }
-  return cachedTid;
+namespace {
+
+// Per-thread cache of the kernel ids. A thread's tid never changes, but the
+// one thread of a forked child is a new kernel thread that inherits the
+// forking thread's cache; the fork handler below forgets it there. getpid()
+// is a system call on current glibc, so nothing on the fast path calls it.
+thread_local pid_t cachedTid = 0;
+thread_local bool cachedIsMain = false;
+
+void forgetIdsInChild() noexcept { cachedTid = 0; }
+
+pid_t loadIds() noexcept {
+  const pid_t tid = static_cast<pid_t>(::syscall(SYS_gettid));
+  cachedIsMain = tid == ::getpid();
+  cachedTid = tid;
+  return tid;
 }
 
-bool isMainThread() noexcept { return gettid() == ::getpid(); }
+[[maybe_unused]] const int forkHandlerRegistered = ::pthread_atfork(nullptr, nullptr, &forgetIdsInChild);
+
+} // namespace
+
+pid_t gettid() noexcept {
+  const pid_t tid = cachedTid;
+  return tid ? tid : loadIds();
+}
+
+bool isMainThread() noexcept {
+  if (!cachedTid)
+    loadIds();
+  return cachedIsMain;
+}
 
 bool hasThreadLocalSingletons() noexcept { return true; }
 

@@ -97,6 +97,8 @@ public:
   }
 
   void reset() noexcept { releaseRef(std::exchange(p_, nullptr)); }
+  void swap(Ptr& other) noexcept { std::swap(p_, other.p_); }
+  friend void swap(Ptr& a, Ptr& b) noexcept { a.swap(b); }
 
   // Gives up ownership of the reference without changing the count.
   [[nodiscard]] T* release() noexcept { return std::exchange(p_, nullptr); }
@@ -131,6 +133,12 @@ private:
 
   T* p_ = nullptr;
 };
+
+namespace Detail {
+struct PtrLayoutProbe : RefCount<HTCnt> {};
+static_assert(sizeof(Ptr<PtrLayoutProbe>) == sizeof(void*), "a Ptr is one pointer wide");
+static_assert(sizeof(RefCount<HTCnt>) == sizeof(U32), "the count is the only field of RefCount");
+} // namespace Detail
 
 // Makes an object and its first Ptr.
 template <typename T, typename... Args>

@@ -39,13 +39,15 @@ public:
   String() noexcept { setShortSize(0); }
   String(const char* text) : String(text ? std::string_view(text) : std::string_view()) {}
   String(const char* text, U32 size) : String(std::string_view(text, size)) {}
-  String(std::string_view text) { assign(text); }
+  String(std::string_view text) { initFrom(text); }
   String(const std::string& text) : String(std::string_view(text)) {}
   String(std::nullptr_t) = delete;
 
+  // Copying a short or deduplicated string is a 24-byte copy; only the
+  // ordinary form allocates.
   String(const String& other) {
-    if (other.form() == Form::ordinaryForm)
-      assign(other.view());
+    if (other.form() == Form::ordinaryForm) [[unlikely]]
+      initFrom(other.view());
     else
       std::memcpy(bytes_, other.bytes_, sizeof bytes_);
   }
@@ -140,7 +142,9 @@ public:
     return a.view() == b.view();
   }
   friend bool operator==(const String& a, std::string_view b) noexcept { return a.view() == b; }
-  friend bool operator==(const String& a, const char* b) noexcept { return a.view() == std::string_view(b); }
+  friend bool operator==(const String& a, const char* b) noexcept {
+    return a.view() == std::string_view(b ? b : "");
+  }
   friend std::strong_ordering operator<=>(const String& a, const String& b) noexcept {
     return a.view() <=> b.view();
   }
@@ -154,7 +158,16 @@ public:
     return r;
   }
 
+  // The same value for equal texts whatever their forms.
   std::size_t hash() const noexcept;
+
+  void swap(String& other) noexcept {
+    char tmp[sizeof bytes_];
+    std::memcpy(tmp, bytes_, sizeof bytes_);
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    std::memcpy(other.bytes_, tmp, sizeof bytes_);
+  }
+  friend void swap(String& a, String& b) noexcept { a.swap(b); }
 
 private:
   static constexpr U8 sizeMask = 0x1f;
@@ -190,6 +203,8 @@ private:
     setTag(static_cast<U8>(static_cast<U8>(f) << formShift));
   }
   void freeHeap() noexcept;
+  // Fills a string under construction: reads nothing of the current bytes.
+  void initFrom(std::string_view text);
   void assign(std::string_view text);
   void reserveOrdinary(U32 capacity);
   static String fromInterned(const char* p, U32 size) noexcept;
@@ -198,6 +213,11 @@ private:
 };
 
 static_assert(sizeof(String) == 24, "String must stay three words");
+static_assert(String::shortCapacity + 1 < 24, "the short text and its NUL must leave the tag byte free");
+
+// The name under which callers ask for the deduplicated form
+// (StringCommon::dedup); it is the same class.
+using StringCommon = String;
 
 inline std::ostream& operator<<(std::ostream& os, const String& s) {
   return os.write(s.data(), static_cast<std::streamsize>(s.size()));

@@ -9,10 +9,14 @@
 
 namespace Kesto {
 
-// Kernel thread id of the caller (cached per thread).
+// Kernel thread id of the caller. Cached per thread after the first call, so
+// it costs a thread-local load; a fork handler drops the cache in the child.
+// (A child made by a raw clone system call, which runs no fork handlers, must
+// not call this before exec.)
 pid_t gettid() noexcept;
 
-// True when the caller is the process's main thread (its tid equals its pid).
+// True when the caller is the process's main thread (its tid equals its pid),
+// cached alike.
 bool isMainThread() noexcept;
 
 // Whether singletons of the family (timer wheels, say) are one per thread
