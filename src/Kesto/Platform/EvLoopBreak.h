@@ -1,0 +1,26 @@
+// A scoped bound on one dispatch of the loop.
+//
+// An ordinary timer event at eventPriorityDefault that breaks the loop when
+// it fires. It lives on the stack of the loop function for one dispatch; its
+// destructor removes it from the base, so an exception passing through the
+// dispatch leaves no event behind pointing into a dead stack frame.
+#pragma once
+
+#include <event2/event_struct.h>
+
+namespace Kesto {
+
+class EvLoopBreak {
+public:
+  explicit EvLoopBreak(double timeout);
+  ~EvLoopBreak();
+  EvLoopBreak(const EvLoopBreak&) = delete;
+  EvLoopBreak& operator=(const EvLoopBreak&) = delete;
+
+  static void handleBaseLoopBreak(int fd, short what, void* self);
+
+private:
+  struct event event_;
+};
+
+} // namespace Kesto

@@ -1,0 +1,96 @@
+#include <Kesto/LibeventControls.h>
+#include <Kesto/Platform/LibeventBase.h>
+#include <Kesto/Trace.h>
+
+#include <ZuSlab/ZuSlab.h>
+
+#include <limits>
+
+namespace Kesto {
+
+using Platform::Impl::eventOnLiveBase;
+
+namespace {
+
+void handleTimeout(evutil_socket_t, short, void* control) {
+  try {
+    static_cast<LibeventTimerControl*>(control)->handler();
+    Platform::Impl::afterHandler();
+  } catch (...) {
+    Platform::Impl::handlerThrew(std::current_exception());
+  }
+}
+
+} // namespace
+
+LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority)
+    : TimerControl(handler), priority_(priority) {
+  if (!ev_base)
+    leInit();
+  // Assigned now so that event_del and event_pending are valid on a control
+  // that was never armed.
+  event_assign(&event_, ev_base, -1, 0, nullptr, nullptr);
+  eventPrioritySet(&event_, priority_);
+}
+
+LibeventTimerControl::~LibeventTimerControl() { LibeventTimerControl::delTimeout(); }
+
+void LibeventTimerControl::setTimeout(double seconds) {
+  const timeval tv = Platform::Impl::secondsToTimeval(seconds);
+  delTimeout();
+  KESTO_TRACE(Debug::kestoLibevent, 9, "Kesto", "Timer {} set timeout {}", DisplayPointer(this), seconds);
+  // Assigned anew on every arming, on the calling thread's base.
+  event_assign(&event_, ev_base, -1, 0, handleTimeout, this);
+  eventPrioritySet(&event_, priority_);
+  event_add(&event_, &tv);
+}
+
+void LibeventTimerControl::delTimeout() {
+  KESTO_TRACE(Debug::kestoLibevent, 9, "Kesto", "Timer {} del timeout", DisplayPointer(this));
+  if (eventOnLiveBase(&event_))
+    event_del(&event_);
+}
+
+double LibeventTimerControl::remainingTimeout() const {
+  timeval expiry;
+  if (!eventOnLiveBase(&event_) || !event_pending(&event_, EV_TIMEOUT, &expiry))
+    return std::numeric_limits<double>::infinity();
+  // event_pending gives the expiry on the wall clock.
+  timeval now;
+  gettimeofday(&now, nullptr);
+  if (timercmp(&expiry, &now, <))
+    return 0.0;
+  timeval left;
+  timersub(&expiry, &now, &left);
+  return double(left.tv_sec) + double(left.tv_usec) / 1000000;
+}
+
+bool LibeventTimerControl::pending() const noexcept {
+  return eventOnLiveBase(&event_) && event_pending(&event_, EV_TIMEOUT, nullptr);
+}
+
+void LibeventTimerControl::handler() {
+  KESTO_TRACE(Debug::kestoLibevent, 9, "Kesto", "Timer {} expired", DisplayPointer(this));
+  // The handler may drop the last reference to this control; it outlives it.
+  Platform::TimeoutHandler* handler = handler_;
+  try {
+    handler->timeout();
+  } catch (...) {
+    if (!handler->handleTimeoutException())
+      throw;
+    KESTO_TRACE(Debug::kestoLibevent, 9, "Kesto", "Timeout notification exception was handled");
+  }
+}
+
+void* LibeventTimerControl::operator new(std::size_t size) { return ZuSlab::slabAllocOrStdMalloc(size); }
+void LibeventTimerControl::operator delete(void* p) noexcept { ZuSlab::slabFreeOrStdFree(p); }
+
+Ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler) {
+  return getLeTimerControl(handler, Platform::eventPriorityDefault);
+}
+
+Ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority) {
+  return Ptr<Platform::TimerControl>(new LibeventTimerControl(handler, priority));
+}
+
+} // namespace Kesto
