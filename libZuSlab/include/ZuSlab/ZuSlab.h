@@ -18,6 +18,13 @@
 
 namespace ZuSlab {
 
+// Slabs are carved from pages of this size; the maintenance functions count
+// their work in such pages. Blocks never straddle a page.
+inline constexpr std::size_t kSlabPageSize = 16384;
+
+// Largest request a size class serves; larger ones go to malloc.
+inline constexpr std::size_t kSlabMaxClassSize = 4096;
+
 // Allocates `size` bytes aligned to 16 (to the size class's alignment); from
 // a slab when a class serves the size, otherwise from malloc. Never returns
 // null: failure throws std::bad_alloc.
@@ -32,22 +39,30 @@ std::size_t slabUsableSize(const void* p) noexcept;
 // True when `p` lies in slab memory.
 bool slabOwns(const void* p) noexcept;
 
-// 1: one process-wide set of slabs; 2: each thread has caches of its own,
-// and empty pages are found per thread by the empty-page scanner.
+// 1: one process-wide set of slabs, each size class behind a mutex;
+// 2: each thread has caches of its own, served without locks, and empty
+// pages are found per thread by the empty-page scanner. Read once, at first
+// use, from the environment variable ZUSLAB_THREAD_MODE ("1" selects 1;
+// anything else, or nothing, selects 2).
 int slabAllocatorThreadMode() noexcept;
 
-// Maintenance, for a background task. Each call does work in slices and
-// calls `stop` between slices; it returns when `stop` answers true or when
-// there is nothing left. The result is (more work is pending now, amount of
-// work done). Neither function throws.
+// Maintenance, for a background task. Each call does work in slices of 64
+// pages and calls `stop` between slices; it returns when `stop` answers true
+// or when there is nothing left. The result is (more work is pending now,
+// pages handled). An empty `stop` never stops; a `stop` that throws is taken
+// as a request to stop. Neither function throws.
 //
 // RunMadvise hands fully free pages back to the system (MADV_DONTNEED); the
 // pages stay mapped and are reused without a fault storm.
 std::pair<bool, unsigned long> slabAllocatorRunMadvise(std::function<bool()> stop) noexcept;
-// RunEmptyPageScanner moves pages of the calling thread's caches that have
-// become entirely free to the list of pages RunMadvise returns.
+// RunEmptyPageScanner moves pages of the calling thread's caches (of the
+// process-wide caches in mode 1) that have become entirely free to the list
+// of pages RunMadvise returns. Blocks that other threads freed back to this
+// thread are taken in first.
 std::pair<bool, unsigned long> slabAllocatorRunEmptyPageScanner(std::function<bool()> stop) noexcept;
 
+// Counters for tests and diagnostics; a consistent picture only while no
+// other thread allocates or frees.
 struct SlabStats {
   std::size_t pagesMapped = 0;    // pages obtained from the system
   std::size_t pagesReturned = 0;  // pages currently given back by madvise
