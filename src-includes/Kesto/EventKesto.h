@@ -2,14 +2,28 @@
 // A test checks that every exported header is listed here.
 #pragma once
 
+#include <Kesto/DebugControl.h>
 #include <Kesto/DebugHandler.h>
 #include <Kesto/Libevent.h>
 #include <Kesto/LibeventControls.h>
 #include <Kesto/LibeventExtensions.h>
+#include <Kesto/Loco.h>
 #include <Kesto/Platform.h>
 #include <Kesto/PlatformControls.h>
 #include <Kesto/PlatformEventPriority.h>
 #include <Kesto/PlatformHandlers.h>
+#include <Kesto/RefCounting.h>
+#include <Kesto/Task.h>
+#include <Kesto/TaskBase.h>
+#include <Kesto/TaskImpl.h>
+#include <Kesto/TaskPriority.h>
+#include <Kesto/TaskScheduler.h>
+#include <Kesto/TaskSchedulerHistory.h>
+#include <Kesto/TaskSchedulerQueueStats.h>
+#include <Kesto/TaskStat.h>
+#include <Kesto/TaskTypes.h>
 #include <Kesto/Time.h>
 #include <Kesto/Trace.h>
 #include <Kesto/Version.h>
+#include <Kesto/ZuIntrusive/BookmarkList.h>
+#include <Kesto/ZuIntrusive/SafeHookAssert.h>

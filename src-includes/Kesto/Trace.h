@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <iosfwd>
 
 namespace Kesto {
 
@@ -35,16 +36,19 @@ extern Ptr<Platform::DebugHandler> assertHandler;
 
 // ---- out-of-line workers ----------------------------------------------
 namespace Impl {
+// The trace machinery may not throw: an exception inside it ends the process.
 String vtracestr(bool withLocation, const char* className, const char* file, const char* function, int line,
-                 fmt::string_view format, fmt::format_args args);
+                 fmt::string_view format, fmt::format_args args) noexcept;
 void vfmtrace(const Platform::DebugHandler& handler, unsigned short level, const char* className,
-              const char* file, const char* function, int line, fmt::string_view format, fmt::format_args args);
+              const char* file, const char* function, int line, fmt::string_view format,
+              fmt::format_args args) noexcept;
 [[noreturn]] void vfmassert(const Platform::DebugHandler& handler, const char* className, const char* file,
                             const char* function, int line, fmt::string_view format, fmt::format_args args);
 [[noreturn]] void vfmassert(const char* className, const char* file, const char* function, int line,
                             fmt::string_view format, fmt::format_args args);
 String vfmthrow(const Platform::DebugHandler& handler, unsigned short level, const char* className,
-                const char* file, const char* function, int line, fmt::string_view format, fmt::format_args args);
+                const char* file, const char* function, int line, fmt::string_view format,
+                fmt::format_args args) noexcept;
 
 inline const Platform::DebugHandler& handlerOf(const Platform::DebugHandler& h) noexcept { return h; }
 inline const Platform::DebugHandler& handlerOf(const Ptr<Platform::DebugHandler>& h) { return *h; }
@@ -102,8 +106,9 @@ namespace Platform {
 void setTraceFormat(const char* format);
 void clearTraceFormat();
 void printAllTraceFormat();
+// Writes one line: the prefix chosen by the format, the text, a newline.
 void dumpDebugMsg(const std::string_view& text, unsigned short level, const DebugHandler& handler,
-                  const char* file, const char* function, int line);
+                  const char* file, const char* function, int line) noexcept;
 } // namespace Platform
 
 // ---- values in messages -----------------------------------------------
@@ -116,6 +121,10 @@ struct DisplayPointer {
 // One integer, cut not rounded, and a unit: ns, µs, ms, s or min.
 String durationToString(std::chrono::nanoseconds duration);
 String durationToString(std::chrono::duration<int32_t, std::milli> duration);
+
+// The same text on a stream, for code of this namespace (it is preferred to
+// the standard library's own output of durations there).
+std::ostream& operator<<(std::ostream& os, std::chrono::nanoseconds duration);
 
 } // namespace Kesto
 
@@ -131,6 +140,23 @@ struct fmt::formatter<Kesto::DisplayPointer> : fmt::formatter<fmt::string_view> 
     if (!p.pointer)
       return fmt::formatter<fmt::string_view>::format("NULL", ctx);
     return fmt::format_to(ctx.out(), "{:#0{}x}", reinterpret_cast<std::uintptr_t>(p.pointer), 18);
+  }
+};
+
+// Durations in messages read as durationToString writes them.
+template <>
+struct fmt::formatter<std::chrono::nanoseconds> : fmt::formatter<fmt::string_view> {
+  auto format(std::chrono::nanoseconds d, fmt::format_context& ctx) const {
+    const Kesto::String text = Kesto::durationToString(d);
+    return fmt::formatter<fmt::string_view>::format(fmt::string_view(text.data(), text.size()), ctx);
+  }
+};
+
+template <>
+struct fmt::formatter<std::chrono::duration<int32_t, std::milli>> : fmt::formatter<fmt::string_view> {
+  auto format(std::chrono::duration<int32_t, std::milli> d, fmt::format_context& ctx) const {
+    const Kesto::String text = Kesto::durationToString(d);
+    return fmt::formatter<fmt::string_view>::format(fmt::string_view(text.data(), text.size()), ctx);
   }
 };
 

@@ -1,0 +1,12 @@
+// Switching reference counting on or off is a decision of the core library
+// (ThreadControl::threadSafePointersIs); this library keeps the two entry
+// points only so that a caller written against another platform fails loudly
+// instead of silently doing nothing. Both assert.
+#pragma once
+
+namespace Kesto::Platform {
+
+[[noreturn]] void refCountingEnabledIs(bool enabled);
+[[noreturn]] bool refCountingEnabled();
+
+} // namespace Kesto::Platform

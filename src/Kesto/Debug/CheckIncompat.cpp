@@ -1,0 +1,28 @@
+#include <Kesto/Trace.h>
+
+#include <dlfcn.h>
+
+extern "C" {
+// Exported so that the dynamic linker resolves it like any other symbol: if
+// a foreign library defined it first, this library reads that one.
+__attribute__((visibility("default"))) int32_t platformLibPresenceFlag = 2;
+}
+
+namespace Kesto {
+
+void checkIncompat() {
+  // Read through the address the dynamic linker resolved, never through a
+  // copy the compiler may have folded.
+  const volatile int32_t* flag = &platformLibPresenceFlag;
+  if (*flag != 2)
+    KESTO_FAIL("Kesto", "a library incompatible with Kesto has been loaded");
+  // Makes this library's symbols part of global resolution even when it was
+  // loaded with RTLD_LOCAL; the handle is kept for the life of the process.
+  Dl_info info;
+  if (dladdr(reinterpret_cast<void*>(&checkIncompat), &info) && info.dli_fname)
+    dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_GLOBAL);
+}
+
+static_assert((RTLD_LAZY | RTLD_NOLOAD | RTLD_GLOBAL) == 0x105, "dlopen flags of the promotion to global");
+
+} // namespace Kesto

@@ -1,0 +1,22 @@
+#include "ChildProcess.h"
+
+#include <Kesto/EventKesto.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+
+TEST(CheckIncompat, OwnFlagIsTwo) {
+  EXPECT_EQ(platformLibPresenceFlag, 2);
+  Kesto::checkIncompat();
+}
+
+TEST(CheckIncompat, ForeignFlagStopsTheProcessAtLoad) {
+  // The foreign library is preloaded, so its definition of the flag wins.
+  // No handler exists yet at that point, so the null-handler path reports.
+  KestoTest::ChildResult child = KestoTest::runChild({"hooks"}, {{"LD_PRELOAD", KESTO_FOREIGN_FLAG_LIB}});
+  EXPECT_TRUE(child.killedBy(SIGABRT) || child.killedBy(SIGTRAP)) << child.status;
+  EXPECT_EQ(child.out, "");
+  EXPECT_NE(child.err.find("Kesto: use of a null Ptr"), std::string::npos) << child.err;
+}

@@ -1,0 +1,107 @@
+// Runs the helper program in a child process with a chosen environment and
+// collects its exit status, standard output and standard error.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace KestoTest {
+
+struct ChildResult {
+  int status = -1; // raw wait status
+  std::string out;
+  std::string err;
+
+  bool exitedWith(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
+  bool killedBy(int signal) const { return WIFSIGNALED(status) && WTERMSIG(status) == signal; }
+};
+
+inline std::string readWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A fresh path under the temporary directory, removed by the destructor.
+class TempPath {
+public:
+  explicit TempPath(const char* stem) {
+    char pattern[256];
+    std::snprintf(pattern, sizeof pattern, "%s/kesto-%s-XXXXXX", tmpDir(), stem);
+    int fd = mkstemp(pattern);
+    if (fd >= 0)
+      ::close(fd);
+    path_ = pattern;
+  }
+  ~TempPath() { ::unlink(path_.c_str()); }
+  const std::string& path() const { return path_; }
+
+private:
+  static const char* tmpDir() {
+    const char* dir = std::getenv("TMPDIR");
+    return dir && *dir ? dir : "/tmp";
+  }
+  std::string path_;
+};
+
+// `env` adds or replaces variables; a variable mapped to nullptr is removed.
+// TRACE, TRACEFORMAT and TRACEFILE of the test's own environment never reach
+// the child unless given here.
+inline ChildResult runChild(const std::vector<std::string>& args,
+                            const std::map<std::string, const char*>& env = {}) {
+  std::map<std::string, const char*> given = env;
+  for (const char* name : {"TRACE", "TRACEFORMAT", "TRACEFILE"})
+    given.emplace(name, nullptr);
+  std::vector<std::string> entries;
+  for (char** e = environ; *e; ++e) {
+    std::string entry(*e);
+    std::string name = entry.substr(0, entry.find('='));
+    if (!given.count(name))
+      entries.push_back(entry);
+  }
+  for (const auto& [name, value] : given)
+    if (value)
+      entries.push_back(name + "=" + value);
+
+  TempPath outFile("out"), errFile("err");
+  pid_t pid = fork();
+  if (pid == 0) {
+    int out = ::open(outFile.path().c_str(), O_WRONLY | O_TRUNC);
+    int err = ::open(errFile.path().c_str(), O_WRONLY | O_TRUNC);
+    ::dup2(out, 1);
+    ::dup2(err, 2);
+    std::vector<char*> argv;
+    std::string program = KESTO_TRACE_CHILD;
+    argv.push_back(program.data());
+    std::vector<std::string> argsCopy = args;
+    for (std::string& a : argsCopy)
+      argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (std::string& e : entries)
+      envp.push_back(e.data());
+    envp.push_back(nullptr);
+    ::execve(program.c_str(), argv.data(), envp.data());
+    _exit(127);
+  }
+  ChildResult result;
+  ::waitpid(pid, &result.status, 0);
+  result.out = readWholeFile(outFile.path());
+  result.err = readWholeFile(errFile.path());
+  return result;
+}
+
+} // namespace KestoTest
