@@ -117,6 +117,7 @@ private:
   using Entry = InternedEntry;
 
   struct Table {
+    Table* retired; // the table this one replaced, kept for late readers
     std::size_t mask;
     std::atomic<const Entry*> slots[1]; // really mask + 1
   };
@@ -149,6 +150,7 @@ private:
     if (!memory)
       outOfMemory();
     auto* t = static_cast<Table*>(memory);
+    t->retired = nullptr;
     t->mask = slots - 1;
     for (std::size_t i = 0; i < slots; ++i)
       new (&t->slots[i]) std::atomic<const Entry*>(nullptr);
@@ -157,11 +159,12 @@ private:
 
   Table* grow(Table* old) {
     Table* t = newTable((old->mask + 1) * 2);
+    t->retired = old;
     for (std::size_t i = 0; i <= old->mask; ++i)
       if (const Entry* e = old->slots[i].load(std::memory_order_relaxed))
         insert(t, e);
     table_.store(t, std::memory_order_release);
-    return t; // `old` stays allocated: readers may still be probing it
+    return t; // `old` stays, linked from `t`: readers may still be probing it
   }
 
   const Entry* makeEntry(U64 h, std::string_view text) {
@@ -209,7 +212,8 @@ void String::freeHeap() noexcept {
 void String::initFrom(std::string_view text) {
   const U32 n = static_cast<U32>(text.size());
   if (n <= shortCapacity) {
-    std::memcpy(bytes_, text.data(), n);
+    if (n) // an empty view may carry a null pointer, which memcpy must not get
+      std::memcpy(bytes_, text.data(), n);
     setShortSize(n);
     return;
   }
@@ -225,9 +229,11 @@ void String::assign(std::string_view text) {
     // The text may live inside this very string (substr of self, say), so
     // copy it out before the old buffer goes.
     char tmp[shortCapacity + 1];
-    std::memcpy(tmp, text.data(), n);
+    if (n)
+      std::memcpy(tmp, text.data(), n);
     freeHeap();
-    std::memcpy(bytes_, tmp, n);
+    if (n)
+      std::memcpy(bytes_, tmp, n);
     setShortSize(n);
     return;
   }
@@ -261,6 +267,8 @@ String& String::addRight(std::string_view text) {
   const U32 n = size();
   const U32 add = static_cast<U32>(text.size());
   const U32 total = n + add;
+  if (add == 0)
+    return *this;
   if (total <= shortCapacity && isShort()) {
     std::memmove(bytes_ + n, text.data(), add);
     setShortSize(total);
