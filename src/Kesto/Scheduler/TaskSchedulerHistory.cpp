@@ -1,0 +1,90 @@
+#include <Kesto/TaskBase.h>
+#include <Kesto/TaskScheduler.h>
+#include <Kesto/TaskSchedulerHistory.h>
+#include <Kesto/Trace.h>
+
+namespace Kesto {
+
+namespace {
+constexpr const char* className = "TaskSchedulerHistory";
+
+constexpr const char* eventTypeTexts[TaskSchedulerEventType::count] = {
+    "schedule",
+    "unschedule",
+    "run start",
+    "run end",
+    "timerStart",
+    "timerStop",
+    "suspendOn",
+    "suspendOff",
+    "scheduleSus",
+    "frcYieldOn",
+    "frcYieldOff",
+    "idle",
+    "busy",
+    "create",
+    "delete",
+    "fdReadable",
+    "fdWritable",
+    "schedulerBusy",
+    "schedulerIdle",
+    "schedulerHasRunnableTasks",
+    "schedulerHasNoRunnableTasks",
+    "schedulerSuspended",
+    "schedulerUnsuspended",
+    "schedulerRunIgnoredWhileSuspended",
+    "schedulerVirtualTimeOn",
+    "schedulerVirtualTimeOff",
+    "schedulerTestYieldRatioOn",
+    "schedulerTestYieldRatioOff",
+    "schedulerRunCriticalStart",
+    "schedulerRunCriticalEnd",
+};
+} // namespace
+
+const char* TaskSchedulerEventType::eventTypeDisplay() const {
+  if (value_ >= count) [[unlikely]]
+    KESTO_FAIL(className, "unexpected eventType {}", unsigned(value_));
+  return eventTypeTexts[value_];
+}
+
+TaskSchedulerHistory::Event::Event(const TaskTimeStamp& when, TaskSchedulerEventType type, const _TaskBase* task)
+    : eventType(type), timestamp(when), identifier(task->taskHistoryIdentifier()) {
+  eventNeedTask();
+}
+
+TaskSchedulerHistory::Event::Event(const TaskTimeStamp& when, TaskSchedulerEventType type,
+                                   const TaskScheduler* scheduler)
+    : eventType(type), timestamp(when), identifier(scheduler->schedulerName()) {}
+
+void TaskSchedulerHistory::Event::eventNeedTask() const {
+  if (eventType.value() < TaskSchedulerEventType::firstSchedulerEvent) [[likely]]
+    return;
+  if (eventType.value() < TaskSchedulerEventType::count)
+    KESTO_FAIL(className, "EventType: {}", unsigned(eventType.value()));
+  KESTO_FAIL(className, "unexpected eventType={}", unsigned(eventType.value()));
+}
+
+const String& TaskSchedulerHistory::Event::eventIdentifier() const {
+  // The ring outlives the tasks it names: only a text held in place or in
+  // the never-freed deduplication table is safe to keep without an owner.
+  if (!identifier.isShort() && !identifier.isDedup()) [[unlikely]]
+    KESTO_FAIL(className, "EventType: {} identifier {} is neither short string optimized nor deduped",
+               eventTypeDisplay(), identifier);
+  return identifier;
+}
+
+void TaskSchedulerHistory::historyEntryCountIs(unsigned capacity) {
+  if (capacity == ring_.capacity())
+    return;
+  // set_capacity drops from the back, where the oldest events are.
+  ring_.set_capacity(capacity);
+}
+
+void TaskSchedulerHistory::clearHistory(const TaskScheduler* owner) {
+  if (owner)
+    KESTO_TRACE(Debug::taskScheduler, 2, className, "{} history cleared", *owner);
+  ring_.clear();
+}
+
+} // namespace Kesto
