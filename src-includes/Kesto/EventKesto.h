@@ -13,7 +13,12 @@
 #include <Kesto/PlatformEventPriority.h>
 #include <Kesto/PlatformHandlers.h>
 #include <Kesto/RefCounting.h>
+#include <Kesto/Task.h>
+#include <Kesto/TaskBase.h>
+#include <Kesto/TaskImpl.h>
 #include <Kesto/TaskPriority.h>
+#include <Kesto/TaskScheduler.h>
+#include <Kesto/TaskSchedulerHistory.h>
 #include <Kesto/TaskSchedulerQueueStats.h>
 #include <Kesto/TaskStat.h>
 #include <Kesto/TaskTypes.h>
