@@ -19,13 +19,14 @@ struct event_base;
 
 extern "C" {
 
-// Every pending timeout of `base` becomes due `offset` earlier (never earlier
-// than now), their order unchanged. Returns 0.
+// Every pending timeout of `base` becomes due `offset` earlier, their order
+// unchanged; one moved before the present is due at once, still ordered
+// against the others. Returns 0 (-1 for a null base).
 int event_base_timeout_subtract_offset(event_base* base, const timeval* offset);
 
 // 0 with `first` set to the absolute expiry of the earliest pending timeout,
 // in the clock that event_pending() reports expiries in; -1 when no timeout
-// is pending.
+// is pending (or the base is null).
 int event_base_get_first_timeout(event_base* base, timeval* first);
 
 } // extern "C"

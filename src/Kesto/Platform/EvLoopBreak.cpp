@@ -18,8 +18,22 @@ EvLoopBreak::~EvLoopBreak() {
     event_del(&event_);
 }
 
-void EvLoopBreak::handleBaseLoopBreak(int, short, void* self) {
+namespace {
+// Marks the second delivery of a break that let others go first; a timer
+// never gets EV_SIGNAL from libevent.
+constexpr short requeued = EV_SIGNAL;
+} // namespace
+
+void EvLoopBreak::handleBaseLoopBreak(int, short what, void* self) {
   auto* loopBreak = static_cast<EvLoopBreak*>(self);
+  // Timers due at the same microsecond as the break are popped in no set
+  // order, so the break may come first among events that are due with it.
+  // Going once to the back of the active queue lets every event that became
+  // due in this pass run before the loop stops.
+  if (!(what & requeued) && event_base_get_num_events(ev_base, EVENT_BASE_COUNT_ACTIVE) > 0) {
+    event_active(&loopBreak->event_, EV_TIMEOUT | requeued, 1);
+    return;
+  }
   KESTO_TRACE(Debug::kestoLibevent, 8, "Kesto", "{}", DisplayPointer(loopBreak));
   event_base_loopbreak(ev_base);
   event_del(&loopBreak->event_);

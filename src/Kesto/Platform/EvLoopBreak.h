@@ -1,9 +1,10 @@
 // A scoped bound on one dispatch of the loop.
 //
 // An ordinary timer event at eventPriorityDefault that breaks the loop when
-// it fires. It lives on the stack of the loop function for one dispatch; its
-// destructor removes it from the base, so an exception passing through the
-// dispatch leaves no event behind pointing into a dead stack frame.
+// it fires, after whatever else became due in the same pass. It lives on the
+// stack of the loop function for one dispatch; its destructor removes it from
+// the base, so an exception passing through the dispatch leaves no event
+// behind pointing into a dead stack frame.
 #pragma once
 
 #include <event2/event_struct.h>

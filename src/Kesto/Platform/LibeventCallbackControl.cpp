@@ -2,7 +2,9 @@
 #include <Kesto/Platform/LibeventBase.h>
 #include <Kesto/Trace.h>
 
-#include <ZuSlab/ZuSlab.h>
+#include <ZuSlab/Allocator.h>
+
+#include <cstddef>
 
 namespace Kesto {
 
@@ -29,8 +31,10 @@ bool LibeventCallbackControl::pendingCallback() const {
   return backend_.pending();
 }
 
-void* LibeventCallbackControl::operator new(std::size_t size) { return ZuSlab::slabAllocOrStdMalloc(size); }
-void LibeventCallbackControl::operator delete(void* p) noexcept { ZuSlab::slabFreeOrStdFree(p); }
+void* LibeventCallbackControl::operator new(std::size_t size) { return Allocator<std::byte>().allocate(size); }
+void LibeventCallbackControl::operator delete(void* p) noexcept {
+  Allocator<std::byte>().deallocate(static_cast<std::byte*>(p), 0);
+}
 
 LibeventCallbackControl::Backend::Backend()
     : TimeoutHandler(), LibeventTimerControl(static_cast<Platform::TimeoutHandler*>(this),

@@ -9,7 +9,9 @@
 // event (so both are in the same clock, the one event_pending reports), and
 // re-add each with its remaining time less the offset. Re-adding in order of
 // expiry keeps the order: the base's clock only moves forward between two
-// re-adds, and so do the remaining times.
+// re-adds, and the remaining times only grow along the sorted list. Each
+// re-add reads the clock again, so an expiry comes out later than exact by
+// the time the operation took so far (microseconds): late, never early.
 //
 // event_base_foreach_event holds the base's lock and forbids touching events
 // from its callback, so the callback only records pointers.
@@ -57,31 +59,6 @@ void collectPendingTimeouts(event_base* base, const event* except) {
   visited.clear();
 }
 
-// A zero-delay timer added for the time of one measurement: its expiry as
-// event_pending gives it is the base's present time in event_pending's clock.
-class NowProbe {
-public:
-  explicit NowProbe(event_base* base) {
-    event_assign(&event_, base, -1, 0, nullptr, nullptr);
-    eventPrioritySet(&event_, eventPriorityDefault);
-    const timeval zero{0, 0};
-    event_add(&event_, &zero);
-  }
-  ~NowProbe() { event_del(&event_); }
-  NowProbe(const NowProbe&) = delete;
-  NowProbe& operator=(const NowProbe&) = delete;
-
-  const event* probe() const noexcept { return &event_; }
-  timeval now() const noexcept {
-    timeval now{0, 0};
-    event_pending(&event_, EV_TIMEOUT, &now);
-    return now;
-  }
-
-private:
-  struct event event_;
-};
-
 } // namespace
 
 int firstTimeoutExcept(event_base* base, const event* except, timeval* first) {
@@ -113,13 +90,14 @@ int subtractOffset(event_base* base, const timeval* offset) {
   std::sort(pendingTimeouts.begin(), pendingTimeouts.end(),
             [](const PendingTimeout& a, const PendingTimeout& b) { return timercmp(&a.expiry, &b.expiry, <); });
   for (const PendingTimeout& pending : pendingTimeouts) {
-    timeval remaining{0, 0};
-    if (timercmp(&pending.expiry, &now, >))
-      timersub(&pending.expiry, &now, &remaining);
-    if (timercmp(&remaining, offset, >))
-      timersub(&remaining, offset, &remaining);
-    else
-      timerclear(&remaining);
+    // May come out negative: event_add adds a relative timeout to the base's
+    // present time as it is, so an expiry moved into the past lands there
+    // with its distance to the others intact, and is simply due. Clamping
+    // to zero instead would give several timeouts the same expiry, and the
+    // heap keeps no order among equals.
+    timeval remaining;
+    timersub(&pending.expiry, &now, &remaining);
+    timersub(&remaining, offset, &remaining);
     event_add(pending.ev, &remaining);
   }
   pendingTimeouts.clear();

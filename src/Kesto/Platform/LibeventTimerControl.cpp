@@ -1,8 +1,10 @@
 #include <Kesto/LibeventControls.h>
-#include <Kesto/Platform/LibeventBase.h>
+#include <Kesto/Platform/LibeventExtensionsImpl.h>
 #include <Kesto/Trace.h>
 
-#include <ZuSlab/ZuSlab.h>
+#include <ZuSlab/Allocator.h>
+
+#include <cstddef>
 
 #include <limits>
 
@@ -52,13 +54,17 @@ void LibeventTimerControl::delTimeout() {
 }
 
 double LibeventTimerControl::remainingTimeout() const {
-  timeval expiry;
-  if (!eventOnLiveBase(&event_) || !event_pending(&event_, EV_TIMEOUT, &expiry))
+  if (!pending())
     return std::numeric_limits<double>::infinity();
-  // event_pending gives the expiry on the wall clock.
-  timeval now;
-  gettimeofday(&now, nullptr);
-  if (timercmp(&expiry, &now, <))
+  // Measured against the base's own present time, in the clock event_pending
+  // reports expiries in (libevent's monotonic clock shifted by an offset to
+  // the wall clock that it re-samples now and then). A direct wall clock
+  // reading would be off by whatever the clocks drifted since that sample.
+  const Platform::Impl::NowProbe probe(ev_base);
+  timeval expiry;
+  event_pending(&event_, EV_TIMEOUT, &expiry);
+  const timeval now = probe.now();
+  if (!timercmp(&expiry, &now, >))
     return 0.0;
   timeval left;
   timersub(&expiry, &now, &left);
@@ -82,8 +88,10 @@ void LibeventTimerControl::handler() {
   }
 }
 
-void* LibeventTimerControl::operator new(std::size_t size) { return ZuSlab::slabAllocOrStdMalloc(size); }
-void LibeventTimerControl::operator delete(void* p) noexcept { ZuSlab::slabFreeOrStdFree(p); }
+void* LibeventTimerControl::operator new(std::size_t size) { return Allocator<std::byte>().allocate(size); }
+void LibeventTimerControl::operator delete(void* p) noexcept {
+  Allocator<std::byte>().deallocate(static_cast<std::byte*>(p), 0);
+}
 
 Ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler) {
   return getLeTimerControl(handler, Platform::eventPriorityDefault);

@@ -1,0 +1,143 @@
+// Helpers shared by the event platform's tests.
+#pragma once
+
+#include <Kesto/Core/Exception.h>
+#include <Kesto/Libevent.h>
+#include <Kesto/Platform.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace Kesto::PlatformTest {
+
+// Makes failed assertions throw without their trace line, for the scope.
+class QuietAsserts {
+public:
+  QuietAsserts() : saved_(throwOnAssertFail()) { throwOnAssertFailIs(true); }
+  ~QuietAsserts() { throwOnAssertFailIs(saved_); }
+
+private:
+  bool saved_;
+};
+
+// Runs `body` and gives the text of the AssertException it throws ("" if
+// none).
+inline std::string assertionText(const std::function<void()>& body) {
+  QuietAsserts quiet;
+  try {
+    body();
+  } catch (const AssertException& e) {
+    return e.what();
+  }
+  return {};
+}
+
+// Fast forward on for the scope; off again however the test ends, since the
+// mode is process-wide.
+class FastForwardOn {
+public:
+  FastForwardOn() { Platform::setFastForward(true); }
+  ~FastForwardOn() { Platform::setFastForward(false); }
+};
+
+// A connected pair of UNIX stream sockets, closed at the end of the scope.
+class SocketPair {
+public:
+  SocketPair() {
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds_) != 0)
+      throw std::runtime_error("socketpair failed");
+  }
+  ~SocketPair() {
+    for (int fd : fds_)
+      if (fd >= 0)
+        close(fd);
+  }
+  int ours() const { return fds_[0]; }
+  int peer() const { return fds_[1]; }
+  void sendToOurs(const char* text) const {
+    const ssize_t n = ::write(fds_[1], text, strlen(text));
+    if (n < 0)
+      throw std::runtime_error("write failed");
+  }
+
+private:
+  int fds_[2];
+};
+
+struct HandlerError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// A timeout handler whose behaviour each test sets.
+class TestTimeoutHandler : public Platform::TimeoutHandler {
+public:
+  void timeout() override {
+    ++timeouts;
+    if (onTimeout)
+      onTimeout();
+  }
+  bool handleTimeoutException() override {
+    ++exceptionsOffered;
+    return swallow;
+  }
+  int timeouts = 0;
+  int exceptionsOffered = 0;
+  bool swallow = false;
+  std::function<void()> onTimeout;
+};
+
+class TestCallbackHandler : public Platform::CallbackHandler {
+public:
+  void callback() override {
+    ++callbacks;
+    if (onCallback)
+      onCallback();
+  }
+  bool handleCallbackException() override {
+    ++exceptionsOffered;
+    return swallow;
+  }
+  int callbacks = 0;
+  int exceptionsOffered = 0;
+  bool swallow = false;
+  std::function<void()> onCallback;
+};
+
+class TestFdHandler : public Platform::FdEventHandler {
+public:
+  void readFdEvent(int fd) override {
+    ++reads;
+    lastFd = fd;
+    if (onRead)
+      onRead(fd);
+  }
+  void writeFdEvent(int fd) override {
+    ++writes;
+    lastFd = fd;
+    if (onWrite)
+      onWrite(fd);
+  }
+  bool handleFdException(int fd) override {
+    ++exceptionsOffered;
+    exceptionFd = fd;
+    return swallow;
+  }
+  int reads = 0;
+  int writes = 0;
+  int lastFd = -2;
+  int exceptionsOffered = 0;
+  int exceptionFd = -2;
+  bool swallow = false;
+  std::function<void(int)> onRead;
+  std::function<void(int)> onWrite;
+};
+
+} // namespace Kesto::PlatformTest
