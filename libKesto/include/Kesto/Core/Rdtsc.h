@@ -14,9 +14,7 @@
 
 #include <Kesto/Core/Types.h>
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <x86intrin.h>
-#else
+#if !defined(__x86_64__) && !defined(__i386__)
 #include <ctime>
 #endif
 
@@ -25,7 +23,7 @@ namespace Kesto {
 struct Rdtsc {
   static U64 ticks() noexcept {
 #if defined(__x86_64__) || defined(__i386__)
-    return __rdtsc();
+    return __builtin_ia32_rdtsc(); // the compiler builtin spares users <x86intrin.h>
 #else
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
