@@ -1,4 +1,4 @@
-#include "TestScheduler.h"
+#include "SchedulerTestSupport.h"
 
 using namespace KestoTest;
 

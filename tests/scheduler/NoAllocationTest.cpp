@@ -1,6 +1,6 @@
 // Counts every heap allocation of this test binary, to show that the run path
 // of the scheduler (schedule, pick, run, history, unlink) allocates nothing.
-#include "TestScheduler.h"
+#include "SchedulerTestSupport.h"
 
 #include <ZuSlab/ZuSlab.h>
 

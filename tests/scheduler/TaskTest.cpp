@@ -1,4 +1,4 @@
-#include "TestScheduler.h"
+#include "SchedulerTestSupport.h"
 
 #include <Kesto/Platform/VirtualTimeOffset.h>
 

@@ -1,6 +1,7 @@
 // Test doubles for the scheduler: a concrete scheduler that stands in for the
 // root of a thread (or, given a root, for a group under it), a task whose body
-// a test supplies, a controllable clock and an assertion catcher.
+// a test supplies and a controllable clock. Free of GoogleTest, so that the
+// benchmarks drive the scheduler through the same class.
 //
 // TestScheduler answers the root-wide questions itself (thread check, virtual
 // time, test yield ratio, suspension) and records what the scheduler asked of
@@ -13,8 +14,6 @@
 #include <Kesto/Task.h>
 #include <Kesto/TaskScheduler.h>
 #include <Kesto/Trace.h>
-
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
@@ -186,36 +185,5 @@ private:
   static TaskTimeStamp read() noexcept { return now_; }
   static inline TaskTimeStamp now_{};
 };
-
-// Makes failed assertions throw quietly for the life of the object.
-class QuietAsserts {
-public:
-  QuietAsserts() : throwOnFail_(throwOnAssertFail()), forceTrace_(forceTraceOnAssert()) {
-    throwOnAssertFailIs(true);
-    forceTraceOnAssertIs(false);
-  }
-  ~QuietAsserts() {
-    throwOnAssertFailIs(throwOnFail_);
-    forceTraceOnAssertIs(forceTrace_);
-  }
-
-private:
-  bool throwOnFail_;
-  bool forceTrace_;
-};
-
-// The text of the AssertException that `fn` raises, or "" with a test failure
-// if none is raised.
-template <typename Fn>
-std::string assertText(Fn&& fn) {
-  QuietAsserts quiet;
-  try {
-    fn();
-  } catch (const AssertException& e) {
-    return std::string(e.what());
-  }
-  ADD_FAILURE() << "no AssertException was raised";
-  return std::string();
-}
 
 } // namespace KestoTest
