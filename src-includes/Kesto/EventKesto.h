@@ -23,6 +23,9 @@
 #include <Kesto/TaskStat.h>
 #include <Kesto/TaskTypes.h>
 #include <Kesto/Time.h>
+#include <Kesto/TimerWheel.h>
+#include <Kesto/TimerWheelEvent.h>
+#include <Kesto/TimerWheelState.h>
 #include <Kesto/Trace.h>
 #include <Kesto/Version.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>

@@ -1,0 +1,264 @@
+#include <Kesto/TimerWheel.h>
+
+#include <Kesto/Core/System.h>
+#include <Kesto/Platform.h>
+#include <Kesto/TimerWheel/TimerWheelClock.h>
+#include <Kesto/Trace.h>
+
+#include <limits>
+
+// Traces under a function name of our choice, where the line should name
+// the step rather than the C++ function that happens to take it.
+#define KESTO_WHEEL_TRACE_AS(function, level, ...)                                                              \
+  do {                                                                                                          \
+    if (KESTO_ENABLED(Debug::kestoTimerWheel, level)) [[unlikely]]                                              \
+      fmtrace(Debug::kestoTimerWheel, (level), __FILE__, function, __LINE__, "TimerWheel", __VA_ARGS__);      \
+  } while (0)
+
+namespace Kesto {
+
+using TimerWheelImpl::now;
+using TimerWheelImpl::timeToTickCeil;
+using TimerWheelImpl::timeToTickFloor;
+
+namespace {
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr timeout_t ticksPerSecond = 100;
+
+[[noreturn, gnu::cold, gnu::noinline]] void assertOpenError(int error) {
+  fmassert(Debug::kestoTimerWheel, "TimerWheel", __FILE__, "TimerWheel", __LINE__, "Error code {}", error);
+}
+
+[[noreturn, gnu::cold, gnu::noinline]] void assertNotLinked(double expirationTime) {
+  fmassert(Debug::kestoTimerWheel, "TimerWheel", __FILE__, "timerStop", __LINE__,
+           "Not linked but expirationTime={}", expirationTime);
+}
+
+} // namespace
+
+// ---- TimersAtTimeout ----------------------------------------------------
+
+TimerWheel::TimersAtTimeout::~TimersAtTimeout() noexcept(false) {
+  if (!empty()) [[unlikely]]
+    fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "~TimersAtTimeout", __LINE__,
+             "Destroyed while non-empty");
+}
+
+TimerWheelEvent* TimerWheel::TimersAtTimeout::front() const noexcept {
+  struct timeout* first = timeout_list_first(&head_);
+  return first ? eventOf(first) : nullptr;
+}
+
+void TimerWheel::TimersAtTimeout::pushBack(TimerWheelEvent* event) {
+  struct timeout* entry = entryOf(event);
+  if (entry->pending) [[unlikely]]
+    fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "pushBack", __LINE__, "pending set to {}",
+             DisplayPointer(entry->pending));
+  timeout_list_insert_tail(&head_, entry);
+}
+
+void TimerWheel::TimersAtTimeout::unlink(TimerWheelEvent* event) {
+  struct timeout* entry = entryOf(event);
+  if (entry->pending != &head_) [[unlikely]]
+    fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "unlink", __LINE__, "Event {} linked to {}",
+             DisplayPointer(event), DisplayPointer(entry->pending));
+  timeout_list_remove(&head_, entry);
+}
+
+// ---- TimerWheel ---------------------------------------------------------
+
+TimerWheel::TimerWheel(Platform::EventPriority priority)
+    : error_(0), masterTimerExpiryTime_(infinity),
+      masterTimer_(Platform::getTimerControl(static_cast<Platform::TimeoutHandler*>(this), priority)),
+      timeouts_(timeouts_open(ticksPerSecond, &error_)) {
+  if (error_ != 0) [[unlikely]]
+    assertOpenError(error_);
+  setCurrentTime(now());
+}
+
+TimerWheel::~TimerWheel() {
+  // The map goes next (each list must be empty by now), then the master
+  // timer, in the reverse order of the fields.
+  timeouts_close(timeouts_);
+  timeouts_ = nullptr;
+}
+
+void TimerWheel::setCurrentTime(double now) {
+  const U64 tick = timeToTickCeil(now);
+  KESTO_TRACE(Debug::kestoTimerWheel, 8, "TimerWheel", "advance time to {} tick {}", now, tick);
+  timeouts_update(timeouts_, tick);
+}
+
+void TimerWheel::timerStart(TimerWheelEvent* event, double timeout) {
+  const double expiry = timeout + now();
+  // Already set for this very moment; or, both infinite, not running and
+  // staying so.
+  if (expiry == event->expirationTime_)
+    return;
+  if (event->expirationTime_ != infinity)
+    timerStop(event);
+  event->expirationTime_ = expiry;
+  const U64 tick = timeToTickFloor(expiry);
+  KESTO_TRACE(Debug::kestoTimerWheel, 9, "TimerWheel", "timer {} set timeout {} expire at {} tick {}",
+              DisplayPointer(event), timeout, expiry, tick);
+  timeouts_add(timeouts_, entryOf(event), tick);
+  event->stateIs(TimerWheelState::inTimerWheel);
+  // A master timer set for later must come forward; one set for earlier
+  // fires early and timeout() re-arms it.
+  if (masterTimerExpiryTime_ > expiry)
+    setMasterTimer();
+}
+
+void TimerWheel::timerStop(TimerWheelEvent* event) {
+  if (event->expirationTime_ == infinity) {
+    KESTO_TRACE(Debug::kestoTimerWheel, 9, "TimerWheel", "timer {} del timeout, not running", DisplayPointer(event));
+    return;
+  }
+  KESTO_TRACE(Debug::kestoTimerWheel, 9, "TimerWheel", "timer {} del timeout", DisplayPointer(event));
+  switch (event->state()) {
+  case TimerWheelState::inTimerWheel:
+    timeouts_del(timeouts_, entryOf(event));
+    event->stateIs(TimerWheelState::notLinked);
+    break;
+  case TimerWheelState::inTimersExpiryingSoon:
+    timersExpiryingSoonRemove(event);
+    break;
+  case TimerWheelState::notLinked:
+    assertNotLinked(event->expirationTime_);
+  }
+  event->expirationTime_ = infinity;
+  // The master timer stays as it is: a needless firing is cheaper than
+  // finding the next expiry on every stop.
+}
+
+void TimerWheel::timersExpiryingSoonRemove(TimerWheelEvent* event) {
+  const TimerWheelState state = event->state();
+  if (state != TimerWheelState::inTimersExpiryingSoon) [[unlikely]]
+    fmassert(Debug::kestoTimerWheel, "TimerWheel", __FILE__, "timersExpiryingSoonRemove", __LINE__,
+             "Removing from timersExpiryingSoon in state {}", state);
+  struct timeout* entry = entryOf(event);
+  if (!entry->pending) [[unlikely]]
+    fmassert(Debug::kestoTimerWheel, "TimerWheel", __FILE__, "timersExpiryingSoonRemove", __LINE__,
+             "No timersAtTimeout");
+  // The head is needed only when the event is the last of its list. The
+  // node stays, possibly empty: processing and setMasterTimer skip it.
+  timeout_list_remove(entry->pending, entry);
+  event->stateIs(TimerWheelState::notLinked);
+}
+
+void TimerWheel::setMasterTimer() {
+  const double now = TimerWheelImpl::now();
+  setCurrentTime(now);
+  if (!timersExpiryingSoon_.empty()) {
+    auto first = timersExpiryingSoon_.begin();
+    while (first != timersExpiryingSoon_.end() && first->second.empty())
+      ++first;
+    if (first != timersExpiryingSoon_.end() && first->first != infinity) {
+      const double firstExpiryTime = first->first;
+      if (now >= firstExpiryTime) {
+        KESTO_TRACE(Debug::kestoTimerWheel, 8, "TimerWheel",
+                    "has expired timers, firstExpiryTime={} now={}, set master timer timeout 0", firstExpiryTime,
+                    now);
+        masterTimer_->setTimeout(0.0);
+      } else {
+        KESTO_TRACE(Debug::kestoTimerWheel, 8, "TimerWheel",
+                    "has scheduled timers, firstExpiryTime={} now={}, set master timer timeout {}",
+                    firstExpiryTime, now, firstExpiryTime - now);
+        masterTimer_->setTimeout(firstExpiryTime - now);
+      }
+      masterTimerExpiryTime_ = firstExpiryTime;
+      return;
+    }
+  }
+  if (timeouts_expired(timeouts_)) {
+    KESTO_TRACE(Debug::kestoTimerWheel, 8, "TimerWheel", "has expired timers, set master timer timeout 0");
+    masterTimer_->setTimeout(0.0);
+    masterTimerExpiryTime_ = 0.0;
+    return;
+  }
+  if (timeouts_pending(timeouts_)) {
+    const timeout_t ticks = timeouts_timeout(timeouts_);
+    const double seconds = double(ticks) / double(ticksPerSecond);
+    KESTO_TRACE(Debug::kestoTimerWheel, 8, "TimerWheel",
+                "has scheduled timers, first timer expiry in {} ticks, set master timer timeout {}", ticks, seconds);
+    masterTimer_->setTimeout(seconds);
+    masterTimerExpiryTime_ = seconds + now;
+    return;
+  }
+  KESTO_TRACE(Debug::kestoTimerWheel, 8, "TimerWheel", "has no timers, del master timer timeout");
+  masterTimer_->delTimeout();
+  masterTimerExpiryTime_ = infinity;
+}
+
+void TimerWheel::timeout() {
+  KESTO_TRACE(Debug::kestoTimerWheel, 8, "TimerWheel", "master timer expired");
+  _processExpiredTimers();
+  setMasterTimer();
+}
+
+int TimerWheel::_processExpiredTimers() {
+  // Taken once: a long pass does not extend itself.
+  const double now = TimerWheelImpl::now();
+  setCurrentTime(now);
+
+  // Everything the wheel reports goes into the map, keyed by exact time.
+  // Events of one exact time keep the order the wheel delivered them in.
+  while (struct timeout* entry = timeouts_get(timeouts_)) {
+    TimerWheelEvent* event = eventOf(entry);
+    event->stateIs(TimerWheelState::notLinked);
+    TimersAtTimeout& list = timersExpiryingSoon_.try_emplace(event->expirationTime_).first->second;
+    event->stateIs(TimerWheelState::inTimersExpiryingSoon);
+    list.pushBack(event);
+  }
+  if (timersExpiryingSoon_.empty())
+    return 0;
+
+  int count = 0;
+  auto node = timersExpiryingSoon_.begin();
+  while (node != timersExpiryingSoon_.end()) {
+    if (node->first > now) {
+      // Reported early by the ticks: waits for its moment, and the
+      // setMasterTimer() that follows arms the master timer for it.
+      KESTO_TRACE(Debug::kestoTimerWheel, 9, "TimerWheel", "Defer processing timers with expiry time {} > now {}",
+                  node->first, now);
+      return count;
+    }
+    // The head is read anew after every handler, which may stop others of
+    // this list or start timers (those go to the wheel, not here).
+    TimersAtTimeout& list = node->second;
+    while (TimerWheelEvent* event = list.front()) {
+      list.unlink(event);
+      event->stateIs(TimerWheelState::notLinked);
+      KESTO_WHEEL_TRACE_AS("timerExpired", 9, "timer {} expired", DisplayPointer(event));
+      event->expirationTime_ = infinity;
+      ++count;
+      event->timeout();
+    }
+    node = timersExpiryingSoon_.erase(node);
+  }
+  return count;
+}
+
+// ---- factories ----------------------------------------------------------
+
+std::shared_ptr<TimerWheel> getTimerWheel() {
+  if (hasThreadLocalSingletons()) {
+    thread_local const std::shared_ptr<TimerWheel> threadWheel =
+        std::make_shared<TimerWheel>(Platform::eventPriorityDefault);
+    return threadWheel;
+  }
+  static const std::shared_ptr<TimerWheel> processWheel = std::make_shared<TimerWheel>(Platform::eventPriorityDefault);
+  return processWheel;
+}
+
+std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority) {
+  return std::make_shared<TimerWheel>(priority);
+}
+
+int processExpiredTimersForTaskScheduler(const std::shared_ptr<TimerWheel>& wheel) {
+  KESTO_WHEEL_TRACE_AS("processExpiredTimers", 8, "");
+  return wheel->_processExpiredTimers();
+}
+
+} // namespace Kesto

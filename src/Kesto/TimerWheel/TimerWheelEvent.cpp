@@ -1,0 +1,53 @@
+#include <Kesto/TimerWheel.h>
+#include <Kesto/TimerWheel/TimerWheelClock.h>
+#include <Kesto/TimerWheelEvent.h>
+#include <Kesto/Trace.h>
+
+#include <limits>
+
+namespace Kesto {
+
+namespace {
+constexpr double infinity = std::numeric_limits<double>::infinity();
+} // namespace
+
+TimerWheelEvent::TimerWheelEvent() noexcept { timeout_init(&timeout_, timerWheelInitialFlags); }
+
+TimerWheelEvent::~TimerWheelEvent() noexcept(false) {
+  if (state() != TimerWheelState::notLinked) [[unlikely]]
+    assertDestroyedLinked();
+}
+
+void TimerWheelEvent::setTimeout(const std::shared_ptr<TimerWheel>& wheel, double timeout) {
+  wheel->timerStart(this, timeout);
+}
+
+void TimerWheelEvent::delTimeout(const std::shared_ptr<TimerWheel>& wheel) { wheel->timerStop(this); }
+
+void TimerWheelEvent::stateIs(TimerWheelState state) {
+  const TimerWheelState old = this->state();
+  if (old == state)
+    return;
+  if (old != TimerWheelState::notLinked && state != TimerWheelState::notLinked) [[unlikely]]
+    assertBadStateChange(old, state);
+  timeout_.flags = (timeout_.flags & ~timerWheelStateFlagMask) | stateToTimeoutFlags(state);
+}
+
+double TimerWheelEvent::remainingTimeout() const {
+  if (expirationTime_ == infinity)
+    return infinity;
+  const double remaining = expirationTime_ - TimerWheelImpl::now();
+  return remaining > 0.0 ? remaining : 0.0;
+}
+
+void TimerWheelEvent::assertBadStateChange(TimerWheelState from, TimerWheelState to) const {
+  fmassert(Debug::kestoTimerWheel, "TimerWheelEvent", __FILE__, "stateIs", __LINE__,
+           "State change {} -> {} must go via {}", from, to, TimerWheelState::notLinked);
+}
+
+void TimerWheelEvent::assertDestroyedLinked() const {
+  fmassert(Debug::kestoTimerWheel, "TimerWheelEvent", __FILE__, "~TimerWheelEvent", __LINE__,
+           "TimerWheelEvent {} destroyed while {}", DisplayPointer(this), state());
+}
+
+} // namespace Kesto

@@ -1,0 +1,20 @@
+#include <Kesto/TimerWheel/TimerWheelTimerControl.h>
+
+#include <Kesto/Trace.h>
+
+namespace Kesto {
+
+TimerWheelTimerControl::~TimerWheelTimerControl() noexcept {
+  wheel_.reset();
+  if (state() != TimerWheelState::notLinked) [[unlikely]]
+    fmassert(Debug::kestoTimerWheel, "TimerWheelEvent", __FILE__, "~TimerWheelTimerControl", __LINE__,
+             "TimerWheelEvent {} destroyed while {}", DisplayPointer(static_cast<TimerWheelEvent*>(this)), state());
+}
+
+namespace Platform {
+Ptr<TimerControl> getTimerControl(TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel) {
+  return Ptr<TimerControl>(new TimerWheelTimerControl(handler, std::move(wheel)));
+}
+} // namespace Platform
+
+} // namespace Kesto
