@@ -23,6 +23,9 @@
 #include <mutex>
 #include <utility>
 
+// Internal to the library: hidden, so that it is reached without the GOT.
+#pragma GCC visibility push(hidden)
+
 namespace ZuSlab::Impl {
 
 struct ClassCache {
@@ -101,3 +104,5 @@ void retireHeap(Heap& h);
 bool shouldStop(const std::function<bool()>& stop) noexcept;
 
 } // namespace ZuSlab::Impl
+
+#pragma GCC visibility pop

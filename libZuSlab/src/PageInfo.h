@@ -15,6 +15,9 @@
 #include <atomic>
 #include <cstdint>
 
+// Internal to the library: hidden, so that it is reached without the GOT.
+#pragma GCC visibility push(hidden)
+
 namespace ZuSlab::Impl {
 
 struct Heap;
@@ -83,3 +86,5 @@ struct PageQueue {
 };
 
 } // namespace ZuSlab::Impl
+
+#pragma GCC visibility pop

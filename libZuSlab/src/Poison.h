@@ -14,6 +14,9 @@
 #define ZUSLAB_ASAN 1
 #endif
 
+// Internal to the library: hidden, so that it is reached without the GOT.
+#pragma GCC visibility push(hidden)
+
 namespace ZuSlab::Impl {
 
 // A free block keeps its first word for the free-list link; the rest is
@@ -43,3 +46,5 @@ inline void registerRootRegion([[maybe_unused]] void* p, [[maybe_unused]] std::s
 }
 
 } // namespace ZuSlab::Impl
+
+#pragma GCC visibility pop

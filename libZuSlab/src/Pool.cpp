@@ -1,5 +1,6 @@
 #include "Pool.h"
 
+#include <pthread.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -260,8 +261,33 @@ Pool::Counts Pool::counts() {
   return c;
 }
 
+namespace {
+
+std::atomic<Heap*> gSharedHeap{nullptr};
+
+// A fork while another thread holds one of our locks would leave the child
+// with a lock nobody releases. Hold them all across fork, in the order the
+// allocation path takes them: class locks, then the pool lock.
+void lockAllForFork() {
+  if (Heap* s = gSharedHeap.load(std::memory_order_acquire))
+    for (ClassCache& k : s->cls_) k.lock.lock();
+  pool().lock_.lock();
+}
+
+void unlockAllAfterFork() {
+  pool().lock_.unlock();
+  if (Heap* s = gSharedHeap.load(std::memory_order_acquire))
+    for (ClassCache& k : s->cls_) k.lock.unlock();
+}
+
+} // namespace
+
 Pool& pool() {
-  static Pool* const p = new Pool;
+  static Pool* const p = [] {
+    Pool* created = new Pool;
+    ::pthread_atfork(lockAllForFork, unlockAllAfterFork, unlockAllAfterFork);
+    return created;
+  }();
   return *p;
 }
 
@@ -269,6 +295,7 @@ Heap& sharedHeap() {
   static Heap* const h = [] {
     Heap* s = new Heap(true, false);
     pool().registerHeap(s);
+    gSharedHeap.store(s, std::memory_order_release);
     return s;
   }();
   return *h;

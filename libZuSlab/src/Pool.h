@@ -25,6 +25,9 @@
 #include <mutex>
 #include <utility>
 
+// Internal to the library: hidden, so that it is reached without the GOT.
+#pragma GCC visibility push(hidden)
+
 namespace ZuSlab::Impl {
 
 inline constexpr unsigned kPageShift = 14;
@@ -92,12 +95,13 @@ class Pool {
   std::atomic<std::uint64_t> unownedLargeAllocs_{0};
   std::atomic<std::uint64_t> unownedLargeFrees_{0};
 
+  std::mutex lock_;
+
  private:
   PageInfo* freshPage();
   void resetEmpty(PageInfo* pg);
   void sweepRetiredRemotes();
 
-  std::mutex lock_;
   std::size_t reservedPages_ = 0;
   std::size_t committedPages_ = 0;
   std::size_t handedPages_ = 0;
@@ -120,3 +124,5 @@ Heap& sharedHeap();
 Heap& deadHeap();
 
 } // namespace ZuSlab::Impl
+
+#pragma GCC visibility pop

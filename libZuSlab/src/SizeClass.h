@@ -11,6 +11,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// Internal to the library: hidden, so that it is reached without the GOT.
+#pragma GCC visibility push(hidden)
+
 namespace ZuSlab::Impl {
 
 inline constexpr std::array<std::uint32_t, 28> kClassSizes = {
@@ -63,3 +66,5 @@ constexpr bool classTableIsConsistent() {
 static_assert(classTableIsConsistent(), "size class lookup must pick the tightest class");
 
 } // namespace ZuSlab::Impl
+
+#pragma GCC visibility pop

@@ -4,12 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <mutex>
 #include <random>
 #include <set>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <thread>
 #include <vector>
 
@@ -218,4 +221,36 @@ TEST(SlabThreads, ProducerAndConsumerExchangeBlocksConcurrently) {
   consumer.join();
   EXPECT_TRUE(intact);
   EXPECT_EQ(slabStats().blocksInUse, before.blocksInUse);
+}
+
+TEST(SlabThreads, ForkedChildAllocatesWhileAnotherThreadWasBusy) {
+  // Another thread allocates and frees throughout the fork; the child must
+  // not inherit one of the allocator's locks held.
+  std::atomic<bool> stop{false};
+  std::thread busy([&] {
+    while (!stop.load()) {
+      void* blocks[64];
+      for (void*& p : blocks) p = slabAllocOrStdMalloc(200);
+      for (void* p : blocks) slabFreeOrStdFree(p);
+      slabAllocatorRunEmptyPageScanner(nullptr);
+      slabAllocatorRunMadvise(nullptr);
+    }
+  });
+  for (int i = 0; i < 20; ++i) {
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      std::vector<void*> blocks;
+      for (int j = 0; j < 5000; ++j) blocks.push_back(slabAllocOrStdMalloc(16 + j % 1000));
+      for (void* p : blocks) slabFreeOrStdFree(p);
+      slabAllocatorRunEmptyPageScanner(nullptr);
+      slabAllocatorRunMadvise(nullptr);
+      ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child " << i;
+  }
+  stop = true;
+  busy.join();
 }

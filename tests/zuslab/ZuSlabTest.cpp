@@ -188,3 +188,19 @@ TEST(ZuSlab, RandomMixedAllocationsMatchAModel) {
   EXPECT_EQ(after.blocksInUse, before.blocksInUse);
   EXPECT_EQ(after.largeAllocations, before.largeAllocations);
 }
+
+TEST(ZuSlab, UseAfterFreeIsReportedUnderAddressSanitizer) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        auto* p = static_cast<volatile char*>(slabAllocOrStdMalloc(64));
+        p[40] = 1;
+        slabFreeOrStdFree(const_cast<char*>(p));
+        p[40] = 2;  // past the free-list link: poisoned
+      },
+      "use-after-poison");
+#else
+  GTEST_SKIP() << "only an AddressSanitizer build tracks slab blocks";
+#endif
+}
