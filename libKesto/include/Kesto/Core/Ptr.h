@@ -5,6 +5,12 @@
 // HTCnt changes the count atomically only while ThreadControl::tsp_ is set.
 // The last Ptr to go deletes the object through `delete`, so a class with a
 // virtual destructor and its own operator delete controls its deallocation.
+//
+// Threads: with tsp_ set, different Ptr objects that share one target may be
+// copied and dropped on different threads at once; one Ptr object itself is
+// not to be written by one thread while another reads it. With tsp_ clear,
+// a counted object belongs to one thread at a time. Nothing here allocates
+// except ptrIs, which makes the object.
 #pragma once
 
 #include <Kesto/Core/ThreadControl.h>
