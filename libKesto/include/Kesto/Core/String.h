@@ -9,6 +9,10 @@
 // made, so that the run path copies them without allocating. Every form keeps
 // a terminating NUL, so data() can go to C interfaces. Sizes are 32 bits.
 //
+// Modifying a string (addRight, addLeft, assignment) gives a short or an
+// ordinary string; the interned text is never written. A String object is
+// for one thread at a time; deduplicated texts may be shared by all.
+//
 // Layout: bytes 0..22 hold the short text (and its NUL); for the heap forms
 // bytes 0..7 are the pointer, 8..11 the size, 12..15 the capacity. Byte 23 is
 // the tag: the short size in its low 5 bits, the form in its top 2 bits.
@@ -106,7 +110,9 @@ public:
   // --- deduplication -----------------------------------------------------
   // A copy whose copies never allocate. A short text stays short (it is
   // already free to copy); a longer one is interned in the process-wide table
-  // once and shared from then on. Thread-safe.
+  // once and shared from then on. Thread-safe; finding a text that is
+  // already interned takes no lock and allocates nothing. The table only
+  // grows, so deduplicate names (a bounded set), not arbitrary data.
   String dedup() const;
   static String dedup(std::string_view text);
   // Number of distinct texts interned so far, for tests and statistics.
