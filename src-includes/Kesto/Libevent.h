@@ -20,10 +20,13 @@ struct event_base;
 
 namespace Kesto {
 
+// Per-thread state, read on every arming: plain __thread with the
+// initial-exec model, so that a read is one load off the thread pointer
+// (no TLS wrapper call, no __tls_get_addr).
 // The calling thread's base, null until registered.
-extern thread_local event_base* ev_base;
+extern __thread event_base* ev_base __attribute__((tls_model("initial-exec")));
 // isMainThread() of the core library at the moment the base was registered.
-extern thread_local bool mainThread;
+extern __thread bool mainThread __attribute__((tls_model("initial-exec")));
 // Process-wide fast-forward mode; written on the main thread only.
 extern bool fastForward;
 

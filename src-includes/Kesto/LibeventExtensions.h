@@ -21,12 +21,16 @@ extern "C" {
 
 // Every pending timeout of `base` becomes due `offset` earlier, their order
 // unchanged; one moved before the present is due at once, still ordered
-// against the others. Returns 0 (-1 for a null base).
+// against the others. The base reads a coarse monotonic clock that trails
+// CLOCK_MONOTONIC by up to one tick: a timeout that comes out due on
+// CLOCK_MONOTONIC is moved by that lag more, so that the base sees it due
+// too. Returns 0 (-1 for a null base).
 int event_base_timeout_subtract_offset(event_base* base, const timeval* offset);
 
 // 0 with `first` set to the absolute expiry of the earliest pending timeout,
 // in the clock that event_pending() reports expiries in; -1 when no timeout
-// is pending (or the base is null).
+// is pending (or the base is null). libevent's own internal events are not
+// timeouts of the base in this sense.
 int event_base_get_first_timeout(event_base* base, timeval* first);
 
 } // extern "C"

@@ -5,6 +5,7 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 
+#include <thread>
 #include <vector>
 
 namespace Kesto {
@@ -114,22 +115,46 @@ TEST(LibeventExtensions, SubtractNeverMovesATimeoutIntoThePastAndKeepsTheOrder) 
 }
 
 TEST(LibeventExtensions, SubtractCoversCommonTimeoutQueues) {
-  RawTimers timers(2);
-  const timeval tenSeconds{10, 0};
-  const timeval* common = event_base_init_common_timeout(ev_base, &tenSeconds);
-  ASSERT_NE(nullptr, common);
-  event_add(&timers.events[0], common);
-  const timeval in20{20, 0};
-  event_add(&timers.events[1], &in20);
-  const double commonBefore = seconds(pendingExpiry(timers.events[0]));
-  timeval first;
-  ASSERT_EQ(0, event_base_get_first_timeout(ev_base, &first));
-  EXPECT_DOUBLE_EQ(commonBefore, seconds(first));
-  const timeval offset{4, 0};
-  event_base_timeout_subtract_offset(ev_base, &offset);
-  const double commonAfter = seconds(pendingExpiry(timers.events[0]));
-  EXPECT_LE(commonBefore - 4.0, commonAfter + 1e-9);
-  EXPECT_GT(commonBefore - 4.0 + 0.05, commonAfter);
+  // On a base of its own: the queue's internal timer outlives the test.
+  std::thread([] {
+    {
+      RawTimers timers(2);
+      const timeval tenSeconds{10, 0};
+      const timeval* common = event_base_init_common_timeout(ev_base, &tenSeconds);
+      ASSERT_NE(nullptr, common);
+      event_add(&timers.events[0], common);
+      const timeval in20{20, 0};
+      event_add(&timers.events[1], &in20);
+      const double commonBefore = seconds(pendingExpiry(timers.events[0]));
+      timeval first;
+      ASSERT_EQ(0, event_base_get_first_timeout(ev_base, &first));
+      EXPECT_DOUBLE_EQ(commonBefore, seconds(first));
+      const timeval offset{4, 0};
+      event_base_timeout_subtract_offset(ev_base, &offset);
+      const double commonAfter = seconds(pendingExpiry(timers.events[0]));
+      EXPECT_LE(commonBefore - 4.0, commonAfter + 1e-9);
+      EXPECT_GT(commonBefore - 4.0 + 0.05, commonAfter);
+      ASSERT_EQ(0, event_base_get_first_timeout(ev_base, &first));
+      EXPECT_DOUBLE_EQ(commonAfter, seconds(first));
+    }
+    leFree();
+  }).join();
+}
+
+TEST(LibeventExtensions, LibeventsOwnTimersAreNotTimeoutsOfTheBase) {
+  std::thread([] {
+    {
+      RawTimers timers(1);
+      const timeval tenSeconds{10, 0};
+      const timeval* common = event_base_init_common_timeout(ev_base, &tenSeconds);
+      event_add(&timers.events[0], common);
+      event_del(&timers.events[0]);
+      // The queue is empty; only its internal timer is left in the heap.
+      timeval first;
+      EXPECT_NE(0, event_base_get_first_timeout(ev_base, &first));
+    }
+    leFree();
+  }).join();
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -17,6 +18,16 @@
 #include <string>
 
 namespace Kesto::PlatformTest {
+
+// How much later than asked a timeout may expire, and how much further a
+// jump of virtual time may go than the exact distance: the base's coarse
+// clock trails CLOCK_MONOTONIC by less than one of its ticks, and timeouts
+// are lengthened by that lag plus 2 µs of rounding so they are never early.
+inline double baseClockSlack() {
+  timespec resolution;
+  clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
+  return double(resolution.tv_sec) + double(resolution.tv_nsec) / 1e9 + 3e-6;
+}
 
 // Makes failed assertions throw without their trace line, for the scope.
 class QuietAsserts {

@@ -8,7 +8,7 @@ EvLoopBreak::EvLoopBreak(double timeout) {
   KESTO_TRACE(Debug::kestoLibevent, 8, "Kesto", "{} timeout {}", DisplayPointer(this), timeout);
   event_assign(&event_, ev_base, -1, 0, EvLoopBreak::handleBaseLoopBreak, this);
   eventPrioritySet(&event_, Platform::eventPriorityDefault);
-  const timeval tv = Platform::Impl::secondsToTimeval(timeout);
+  const timeval tv = Platform::Impl::forBaseClock(Platform::Impl::secondsToTimeval(timeout));
   event_add(&event_, &tv);
 }
 

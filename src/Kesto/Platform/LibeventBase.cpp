@@ -11,8 +11,8 @@
 
 namespace Kesto {
 
-thread_local event_base* ev_base = nullptr;
-thread_local bool mainThread = false;
+__thread event_base* ev_base __attribute__((tls_model("initial-exec"))) = nullptr;
+__thread bool mainThread __attribute__((tls_model("initial-exec"))) = false;
 
 namespace {
 
@@ -34,13 +34,14 @@ event_base* leCreateBase() {
   static LeInitializer initializer;
   event_config* config = event_config_new();
   event_config_require_features(config, EV_FEATURE_ET);
-  // Kesto::time() reads CLOCK_MONOTONIC on every call. The base must read the
-  // same clock (not the coarse one libevent picks by default) and read it
-  // afresh whenever it computes an expiry (not the time cached at the top of
-  // a loop iteration), or a timeout armed from a handler would be due before
-  // its expiry as Kesto::time() sees it.
-  event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);
+  // Expiries are computed from a fresh reading of the clock, not from the
+  // time cached at the top of a loop iteration: a timeout armed from a
+  // handler would otherwise count from a moment already past and could be
+  // due before its expiry as Kesto::time() sees it. The environment does not
+  // choose the clock either: the lag correction (LibeventBase.h) assumes
+  // the coarse one.
   event_config_set_flag(config, EVENT_BASE_FLAG_NO_CACHE_TIME);
+  event_config_set_flag(config, EVENT_BASE_FLAG_IGNORE_ENV);
   event_base* base = event_base_new_with_config(config);
   KESTO_ASSERT(base != nullptr, "Kesto", "Failed to create event_base");
   event_config_free(config);

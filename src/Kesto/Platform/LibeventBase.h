@@ -6,6 +6,7 @@
 
 #include <event2/event.h>
 #include <sys/time.h>
+#include <time.h>
 
 #include <cmath>
 #include <exception>
@@ -24,6 +25,48 @@ inline timeval secondsToTimeval(double seconds) noexcept {
 // A timeval as one double in traces.
 inline double timevalToDouble(const timeval& tv) noexcept {
   return double(tv.tv_usec) / 1e6 + double(tv.tv_sec);
+}
+
+// ---- agreement of the base's clock with Kesto::time() -------------------
+// The base reads CLOCK_MONOTONIC_COARSE (libevent's default: the precise
+// clock would make epoll re-arm a timerfd on every turn of the loop, which
+// makes a turn several times dearer). The coarse clock trails
+// CLOCK_MONOTONIC, which Kesto::time() reads, by up to one tick (4 ms). So
+// relative timeouts are lengthened by the present lag, which makes them
+// expire no earlier than asked as CLOCK_MONOTONIC counts, and late by at
+// most one tick; a zero timeout is due at once on any clock and is left as
+// it is. Readers of remaining time and of "now" correct by the same lag.
+
+// Nanoseconds by which the coarse clock trails CLOCK_MONOTONIC now: the
+// coarse clock is read first, so the answer errs on the large side.
+inline long coarseClockLagNanos() noexcept {
+  timespec coarse;
+  timespec precise;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &coarse);
+  clock_gettime(CLOCK_MONOTONIC, &precise);
+  const long lag = (precise.tv_sec - coarse.tv_sec) * 1000000000L + (precise.tv_nsec - coarse.tv_nsec);
+  return lag > 0 ? lag : 0;
+}
+
+inline timeval microsecondsToTimeval(long us) noexcept {
+  return timeval{static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
+}
+
+// The lag in whole microseconds, rounded down: for correcting readings of
+// the base's clock towards CLOCK_MONOTONIC without overshooting it.
+inline timeval coarseClockLagFloor() noexcept { return microsecondsToTimeval(coarseClockLagNanos() / 1000); }
+
+// The relative timeout to give event_add so that the event expires no
+// earlier than `tv` from now on CLOCK_MONOTONIC. Beyond the lag, 2 µs cover
+// libevent truncating its clock to microseconds and `tv` having been
+// truncated from seconds.
+inline timeval forBaseClock(timeval tv) noexcept {
+  if (tv.tv_sec < 0 || (tv.tv_sec == 0 && tv.tv_usec <= 0))
+    return tv;
+  const timeval lag = microsecondsToTimeval((coarseClockLagNanos() + 999) / 1000 + 2);
+  timeval result;
+  timeradd(&tv, &lag, &result);
+  return result;
 }
 
 // Whether `ev` may be handed to event_del/event_pending: the thread has a

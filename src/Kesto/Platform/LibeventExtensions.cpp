@@ -50,7 +50,10 @@ void collectPendingTimeouts(event_base* base, const event* except) {
   pendingTimeouts.clear();
   event_base_foreach_event(base, recordEvent, nullptr);
   for (event* ev : visited) {
-    if (ev == except)
+    // libevent's own events are left alone: the timer behind a common-timeout
+    // queue only mirrors the queue's head, which is visited itself (and is
+    // moved to the heap by a shift, leaving that timer to fire on nothing).
+    if (ev == except || (ev->ev_evcallback.evcb_flags & EVLIST_INTERNAL))
       continue;
     timeval expiry;
     if (event_pending(ev, EV_TIMEOUT, &expiry))
@@ -79,7 +82,9 @@ bool firstTimeoutAndNow(event_base* base, timeval* first, timeval* now) {
   // to every expiry, so every reading is taken after it.
   NowProbe probe(base);
   const bool found = firstTimeoutExcept(base, probe.probe(), first) == 0;
-  *now = probe.now();
+  const timeval baseNow = probe.now();
+  const timeval lag = coarseClockLagFloor();
+  timeradd(&baseNow, &lag, now);
   return found;
 }
 
@@ -87,6 +92,7 @@ int subtractOffset(event_base* base, const timeval* offset) {
   NowProbe probe(base);
   collectPendingTimeouts(base, probe.probe());
   const timeval now = probe.now();
+  const timeval lag = coarseClockLagFloor();
   std::sort(pendingTimeouts.begin(), pendingTimeouts.end(),
             [](const PendingTimeout& a, const PendingTimeout& b) { return timercmp(&a.expiry, &b.expiry, <); });
   for (const PendingTimeout& pending : pendingTimeouts) {
@@ -98,6 +104,11 @@ int subtractOffset(event_base* base, const timeval* offset) {
     timeval remaining;
     timersub(&pending.expiry, &now, &remaining);
     timersub(&remaining, offset, &remaining);
+    // Due now on CLOCK_MONOTONIC but not yet on the base's coarse clock,
+    // which trails it: made due on the base's clock too, earlier by the lag,
+    // so that the pass that follows a jump runs what the jump reached.
+    if (!timercmp(&remaining, &lag, >))
+      timersub(&remaining, &lag, &remaining);
     event_add(pending.ev, &remaining);
   }
   pendingTimeouts.clear();

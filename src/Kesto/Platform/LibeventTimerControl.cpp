@@ -44,12 +44,15 @@ void LibeventTimerControl::setTimeout(double seconds) {
   // Assigned anew on every arming, on the calling thread's base.
   event_assign(&event_, ev_base, -1, 0, handleTimeout, this);
   eventPrioritySet(&event_, priority_);
-  event_add(&event_, &tv);
+  const timeval onBaseClock = Platform::Impl::forBaseClock(tv);
+  event_add(&event_, &onBaseClock);
 }
 
 void LibeventTimerControl::delTimeout() {
   KESTO_TRACE(Debug::kestoLibevent, 9, "Kesto", "Timer {} del timeout", DisplayPointer(this));
-  if (eventOnLiveBase(&event_))
+  // A timer that is neither pending nor active has nothing to remove, and
+  // skipping the call saves a lock round trip on every re-arming.
+  if (eventOnLiveBase(&event_) && (event_.ev_evcallback.evcb_flags & ~EVLIST_INIT))
     event_del(&event_);
 }
 
@@ -57,13 +60,17 @@ double LibeventTimerControl::remainingTimeout() const {
   if (!pending())
     return std::numeric_limits<double>::infinity();
   // Measured against the base's own present time, in the clock event_pending
-  // reports expiries in (libevent's monotonic clock shifted by an offset to
-  // the wall clock that it re-samples now and then). A direct wall clock
-  // reading would be off by whatever the clocks drifted since that sample.
+  // reports expiries in (the base's clock shifted by an offset to the wall
+  // clock that libevent re-samples now and then), then corrected by how far
+  // the base's clock trails CLOCK_MONOTONIC. A direct wall clock reading
+  // would be off by whatever the clocks drifted since libevent's sample.
   const Platform::Impl::NowProbe probe(ev_base);
   timeval expiry;
   event_pending(&event_, EV_TIMEOUT, &expiry);
-  const timeval now = probe.now();
+  const timeval baseNow = probe.now();
+  const timeval lag = Platform::Impl::coarseClockLagFloor();
+  timeval now;
+  timeradd(&baseNow, &lag, &now);
   if (!timercmp(&expiry, &now, >))
     return 0.0;
   timeval left;

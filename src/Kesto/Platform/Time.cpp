@@ -6,7 +6,7 @@
 namespace Kesto {
 
 namespace Platform::Impl {
-thread_local timeval virtualTimeOffset{0, 0};
+__thread timeval virtualTimeOffset __attribute__((tls_model("initial-exec"))) = {0, 0};
 } // namespace Platform::Impl
 
 double leVirtualTimeOffset() noexcept {
