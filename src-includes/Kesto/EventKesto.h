@@ -20,6 +20,7 @@
 #include <Kesto/TaskScheduler.h>
 #include <Kesto/TaskSchedulerHistory.h>
 #include <Kesto/TaskSchedulerQueueStats.h>
+#include <Kesto/TaskSchedulerRoot.h>
 #include <Kesto/TaskStat.h>
 #include <Kesto/TaskTypes.h>
 #include <Kesto/Time.h>
