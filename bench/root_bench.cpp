@@ -1,0 +1,174 @@
+// Dispatch through the real event loop: what a task run costs when every run
+// is one pass delivered by the root's deferred callback, against libevent
+// doing the same chaining by hand.
+//
+//  - RootChain: one task that schedules itself again at every run, a batch of
+//    runs per Platform::doEventLoop() (the chain ends with its empty pass).
+//  - BareChain: one zero-delay libevent timer whose callback deletes,
+//    re-assigns and re-adds its event and calls an empty function; the same
+//    base as the root's, at the same priority.
+//  - RootMixed: 1,000 runnable tasks at high, normal, low and scavenge, each
+//    rescheduling itself, until the batch of runs is done.
+//  - BareMany: 1,000 such libevent timers, for the same batch of callbacks.
+//
+// Reported: ns_per_run (per task run or per callback). The root benchmarks
+// also report, from an untimed run of 1,000 passes, the scheduler's clock
+// readings and the history events per pass.
+#include <Kesto/Libevent.h>
+#include <Kesto/Platform.h>
+#include <Kesto/Task.h>
+#include <Kesto/TaskSchedulerRoot.h>
+
+#include <benchmark/benchmark.h>
+#include <event2/event.h>
+#include <event2/event_struct.h>
+
+#include <vector>
+
+using namespace Kesto;
+
+namespace {
+
+constexpr U64 batch = 100000;
+
+class ChainTask : public Task {
+public:
+  ChainTask(Ptr<TaskScheduler> s, TaskPriority p, const String& name, U64* left)
+      : Task(std::move(s), p, name), left_(left) {}
+  void taskExecute() override {
+    if (*left_ != 0) {
+      --*left_;
+      scheduleTask();
+    }
+  }
+  static void operator delete(void* p) { ::operator delete(p); }
+
+private:
+  U64* left_;
+};
+
+// The scheduler's clock, counted.
+U64 clockReadings = 0;
+TaskTimeStamp countingClock() noexcept {
+  ++clockReadings;
+  return std::chrono::steady_clock::now();
+}
+
+// Runs `passes` passes of the loop untimed and reports what each pass read
+// and recorded.
+void perPassCounts(benchmark::State& state, const Ptr<TaskSchedulerRoot>& root, std::vector<Ptr<ChainTask>>& tasks,
+                   U64& left) {
+  constexpr U64 passes = 1000;
+  root->historyEntryCountIs(unsigned(passes * 16));
+  root->clearHistory();
+  clockReadings = 0;
+  taskClockFnIs(&countingClock);
+  left = passes - tasks.size();
+  for (auto& t : tasks)
+    t->scheduleTask();
+  Platform::doEventLoop();
+  taskClockFnIs(nullptr);
+  const double runs = double(passes);
+  state.counters["clock_per_pass"] = double(clockReadings) / runs;
+  state.counters["history_per_pass"] = double(root->historyEventCount()) / runs;
+  root->historyEntryCountIs(TaskSchedulerRoot::historyEntryCountDefault);
+}
+
+U64 runsOf(const std::vector<Ptr<ChainTask>>& tasks, const Ptr<TaskSchedulerRoot>& root) {
+  U64 n = 0;
+  for (unsigned p = 0; p < TaskScheduler::priorityCount; ++p)
+    n += root->runTaskCount(TaskPriority(p));
+  (void)tasks;
+  return n;
+}
+
+void rootBench(benchmark::State& state, const std::vector<TaskPriority>& priorities) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("bench");
+  U64 left = 0;
+  std::vector<Ptr<ChainTask>> tasks;
+  for (size_t i = 0; i < priorities.size(); ++i)
+    tasks.push_back(Ptr<ChainTask>(new ChainTask(root, priorities[i], fmt::format("chain{}", i), &left)));
+  const U64 before = runsOf(tasks, root);
+  for (auto _ : state) {
+    // Each task runs once more than its share of `left`: the batch counts
+    // the rescheduled runs, the first runs come on top.
+    left = batch - tasks.size();
+    for (auto& t : tasks)
+      t->scheduleTask();
+    Platform::doEventLoop();
+  }
+  const U64 ran = runsOf(tasks, root) - before;
+  if (ran != batch * U64(state.iterations()) || root->schedulerHasRunnableTasks())
+    state.SkipWithError("the loop did not run the batch");
+  state.counters["ns_per_run"] =
+      benchmark::Counter(double(ran), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  perPassCounts(state, root, tasks, left);
+}
+
+void BM_RootChain(benchmark::State& state) { rootBench(state, {TaskPriority::normal}); }
+
+void BM_RootMixed(benchmark::State& state) {
+  std::vector<TaskPriority> priorities;
+  const TaskPriority mix[] = {TaskPriority::high, TaskPriority::normal, TaskPriority::normal, TaskPriority::low,
+                              TaskPriority::scavenge};
+  for (unsigned i = 0; i < 1000; ++i)
+    priorities.push_back(mix[i % 5]);
+  rootBench(state, priorities);
+}
+
+// --- bare libevent ---------------------------------------------------------------
+
+__attribute__((noinline)) void emptyWork() { asm volatile(""); }
+
+struct BareChain {
+  event ev;
+  U64* left;
+};
+
+void bareCallback(evutil_socket_t, short, void* arg) {
+  BareChain* c = static_cast<BareChain*>(arg);
+  emptyWork();
+  if (*c->left == 0)
+    return;
+  --*c->left;
+  event_del(&c->ev);
+  event_assign(&c->ev, ev_base, -1, 0, &bareCallback, c);
+  event_priority_set(&c->ev, Platform::eventPriorityDefault);
+  static const timeval zero{0, 0};
+  event_add(&c->ev, &zero);
+}
+
+void bareBench(benchmark::State& state, unsigned count) {
+  leInit();
+  U64 left = 0;
+  std::vector<BareChain> chains(count);
+  U64 calls = 0;
+  for (auto _ : state) {
+    left = batch - count;
+    for (BareChain& c : chains) {
+      c.left = &left;
+      event_assign(&c.ev, ev_base, -1, 0, &bareCallback, &c);
+      event_priority_set(&c.ev, Platform::eventPriorityDefault);
+      static const timeval zero{0, 0};
+      event_add(&c.ev, &zero);
+    }
+    event_base_dispatch(ev_base);
+    calls += batch;
+    if (left != 0)
+      state.SkipWithError("the loop did not run the batch");
+  }
+  state.counters["ns_per_run"] =
+      benchmark::Counter(double(calls), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void BM_BareChain(benchmark::State& state) { bareBench(state, 1); }
+void BM_BareMany(benchmark::State& state) { bareBench(state, 1000); }
+
+} // namespace
+
+BENCHMARK(BM_BareChain)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RootChain)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BareMany)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RootMixed)->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();
