@@ -49,6 +49,9 @@ public:
   static void operator delete(void* p) noexcept;
 
 protected:
+  // The idle event is assigned as an arming would assign it.
+  bool alreadyAssigned() const noexcept;
+
   Platform::EventPriority priority_;
   struct event event_;
 };

@@ -34,13 +34,8 @@ event_base* leCreateBase() {
   static LeInitializer initializer;
   event_config* config = event_config_new();
   event_config_require_features(config, EV_FEATURE_ET);
-  // Expiries are computed from a fresh reading of the clock, not from the
-  // time cached at the top of a loop iteration: a timeout armed from a
-  // handler would otherwise count from a moment already past and could be
-  // due before its expiry as Kesto::time() sees it. The environment does not
-  // choose the clock either: the lag correction (LibeventBase.h) assumes
-  // the coarse one.
-  event_config_set_flag(config, EVENT_BASE_FLAG_NO_CACHE_TIME);
+  // The environment does not choose the clock: the lag correction
+  // (LibeventBase.h) assumes libevent's default, the coarse one.
   event_config_set_flag(config, EVENT_BASE_FLAG_IGNORE_ENV);
   event_base* base = event_base_new_with_config(config);
   KESTO_ASSERT(base != nullptr, "Kesto", "Failed to create event_base");

@@ -56,13 +56,22 @@ inline timeval microsecondsToTimeval(long us) noexcept {
 // the base's clock towards CLOCK_MONOTONIC without overshooting it.
 inline timeval coarseClockLagFloor() noexcept { return microsecondsToTimeval(coarseClockLagNanos() / 1000); }
 
+// Inside a turn of the loop libevent counts relative timeouts from the time
+// it cached at the top of the turn, which is already past by however long
+// the handlers so far have run. Reading the clock afresh first makes the
+// base count from now. (Outside the loop there is no cache and this does
+// nothing.) Zero timeouts skip it: due at once either way, and they are the
+// deferred callback's hot path.
+inline void refreshBaseTime() noexcept { event_base_update_cache_time(ev_base); }
+
 // The relative timeout to give event_add so that the event expires no
 // earlier than `tv` from now on CLOCK_MONOTONIC. Beyond the lag, 2 µs cover
 // libevent truncating its clock to microseconds and `tv` having been
-// truncated from seconds.
+// truncated from seconds. Refreshes the base's cached time.
 inline timeval forBaseClock(timeval tv) noexcept {
   if (tv.tv_sec < 0 || (tv.tv_sec == 0 && tv.tv_usec <= 0))
     return tv;
+  refreshBaseTime();
   const timeval lag = microsecondsToTimeval((coarseClockLagNanos() + 999) / 1000 + 2);
   timeval result;
   timeradd(&tv, &lag, &result);

@@ -9,10 +9,12 @@
 namespace Kesto::Platform::Impl {
 
 // A zero-delay timer added for the time of one measurement: its expiry as
-// event_pending gives it is the base's present time in event_pending's clock.
+// event_pending gives it is the base's present time in event_pending's clock
+// (read afresh, not the time cached at the top of the loop's turn).
 class NowProbe {
 public:
   explicit NowProbe(event_base* base) {
+    event_base_update_cache_time(base);
     event_assign(&event_, base, -1, 0, nullptr, nullptr);
     eventPrioritySet(&event_, eventPriorityDefault);
     const timeval zero{0, 0};
