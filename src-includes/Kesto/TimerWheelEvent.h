@@ -62,7 +62,14 @@ public:
   TimerWheelState state() const { return timeoutFlagsToState(timeout_.flags); }
   // Moves to `state`. A change between the two linked states asserts: every
   // move goes through notLinked. Setting the present state is no change.
-  void stateIs(TimerWheelState state);
+  void stateIs(TimerWheelState state) {
+    const TimerWheelState old = this->state();
+    if (old == state)
+      return;
+    if (old != TimerWheelState::notLinked && state != TimerWheelState::notLinked) [[unlikely]]
+      assertBadStateChange(old, state);
+    timeout_.flags = (timeout_.flags & ~timerWheelStateFlagMask) | stateToTimeoutFlags(state);
+  }
 
   // +infinity if not running; else the seconds to expiry, 0.0 once due.
   double remainingTimeout() const;

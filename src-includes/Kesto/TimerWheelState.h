@@ -29,10 +29,32 @@ inline constexpr int timerWheelInitialFlags = 2 | 4;
 // any other value.
 const char* timerWheelStateToString(TimerWheelState state) noexcept;
 
+namespace Impl {
+[[noreturn, gnu::cold]] void assertTimeoutFlags(int flags);
+[[noreturn, gnu::cold]] void assertTimerWheelState(TimerWheelState state);
+} // namespace Impl
+
 // The state that `flags` holds. Asserts unless exactly one state bit is set.
-TimerWheelState timeoutFlagsToState(int flags);
+// Inline: every start and stop of a timer reads it.
+inline TimerWheelState timeoutFlagsToState(int flags) {
+  switch (flags & timerWheelStateFlagMask) {
+  case 4:
+    return TimerWheelState::notLinked;
+  case 8:
+    return TimerWheelState::inTimerWheel;
+  case 16:
+    return TimerWheelState::inTimersExpiryingSoon;
+  default:
+    Impl::assertTimeoutFlags(flags);
+  }
+}
+
 // The bit of `state` in `flags`. Asserts on a value above 2.
-int stateToTimeoutFlags(TimerWheelState state);
+inline int stateToTimeoutFlags(TimerWheelState state) {
+  if (U8(state) > U8(TimerWheelState::inTimersExpiryingSoon)) [[unlikely]]
+    Impl::assertTimerWheelState(state);
+  return 4 << U8(state);
+}
 
 } // namespace Kesto
 

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <limits>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -35,6 +36,38 @@ TEST(TimerWheelTicks, PresentRoundsUpAndExpiryRoundsDown) {
   EXPECT_EQ(timeToTickCeilForTest(2.0), 200u);
   EXPECT_EQ(timeToTickFloorForTest(2.0), 200u);
   EXPECT_EQ(timeToTickFloorForTest(123456.789), 12345678u);
+}
+
+TEST(TimerWheelTicks, AgreeWithExactRoundingOfTheExtendedProduct) {
+  // Every magnitude, including integral products and the neighbours of
+  // tick boundaries, against floorl/ceill of the 80-bit product.
+  std::mt19937_64 rng(5);
+  for (int i = 0; i < 200000; ++i) {
+    const int exponent = int(rng() % 70) - 10;
+    double t = std::ldexp(double(rng() >> 11) / double(U64(1) << 53), exponent);
+    switch (i % 4) {
+    case 1:
+      t = std::nearbyint(t * 100.0) / 100.0;
+      break;
+    case 2:
+      t = std::nextafter(std::nearbyint(t * 100.0) / 100.0, 0.0);
+      break;
+    case 3:
+      t = std::nextafter(std::nearbyint(t * 100.0) / 100.0, infinity);
+      break;
+    }
+    const long double product = 100.0L * t;
+    if (product >= 18446744073709551615.0L)
+      continue;
+    ASSERT_EQ(timeToTickFloorForTest(t), U64(std::floor(product))) << t;
+    ASSERT_EQ(timeToTickCeilForTest(t), U64(std::ceil(product))) << t;
+  }
+}
+
+TEST(TimerWheelTicks, NegativeTimesAreTickZero) {
+  EXPECT_EQ(timeToTickFloorForTest(-0.5), 0u);
+  EXPECT_EQ(timeToTickCeilForTest(-3.0), 0u);
+  EXPECT_EQ(timeToTickFloorForTest(-infinity), 0u);
 }
 
 TEST(TimerWheelTicks, TooLargeIsClampedAndTraced) {

@@ -24,15 +24,6 @@ void TimerWheelEvent::setTimeout(const std::shared_ptr<TimerWheel>& wheel, doubl
 
 void TimerWheelEvent::delTimeout(const std::shared_ptr<TimerWheel>& wheel) { wheel->timerStop(this); }
 
-void TimerWheelEvent::stateIs(TimerWheelState state) {
-  const TimerWheelState old = this->state();
-  if (old == state)
-    return;
-  if (old != TimerWheelState::notLinked && state != TimerWheelState::notLinked) [[unlikely]]
-    assertBadStateChange(old, state);
-  timeout_.flags = (timeout_.flags & ~timerWheelStateFlagMask) | stateToTimeoutFlags(state);
-}
-
 double TimerWheelEvent::remainingTimeout() const {
   if (expirationTime_ == infinity)
     return infinity;
