@@ -88,6 +88,15 @@ inline void* popCurrent(ClassCache& k) {
   return b;
 }
 
+// Everything created once per process is created at load, while the process
+// has one thread: a fork in the middle of a first-use initialisation would
+// leave the child waiting forever on the initialisation guard.
+[[gnu::constructor]] void initAtLoad() {
+  pool();
+  deadHeap();
+  if (slabAllocatorThreadMode() == 1) sharedHeap();
+}
+
 } // namespace
 
 void* slabAllocOrStdMalloc(std::size_t size) {

@@ -41,8 +41,8 @@ bool slabOwns(const void* p) noexcept;
 
 // 1: one process-wide set of slabs, each size class behind a mutex;
 // 2: each thread has caches of its own, served without locks, and empty
-// pages are found per thread by the empty-page scanner. Read once, at first
-// use, from the environment variable ZUSLAB_THREAD_MODE ("1" selects 1;
+// pages are found per thread by the empty-page scanner. Read once, when the
+// library is loaded, from the environment variable ZUSLAB_THREAD_MODE ("1" selects 1;
 // anything else, or nothing, selects 2).
 int slabAllocatorThreadMode() noexcept;
 
