@@ -33,6 +33,8 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/EventKestoConfigVersion.cmake
   DESTINATION ${KESTO_CMAKE_DIR})
 
+file(RELATIVE_PATH KESTO_PC_TO_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/eventkesto.pc.in
   ${CMAKE_CURRENT_BINARY_DIR}/eventkesto.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/eventkesto.pc
