@@ -794,3 +794,19 @@ TEST(TaskSchedulerRoot, HistoryInterfaceOfTheRoot) {
   EXPECT_EQ(0u, r->historyEventCount());
   Platform::doEventLoop();
 }
+
+TEST(TaskSchedulerRoot, ExceptionOfATaskLeavesTheEventLoop) {
+  Ptr<CountingRoot> r = CountingRoot::rootIs();
+  Ptr<TestTask> thrower = rootTaskIs(r, TaskPriority::normal, "thrower",
+                                     [](TestTask&) { throw std::runtime_error("task failed"); });
+  thrower->scheduleTask();
+  EXPECT_THROW(Platform::doEventLoop(), std::runtime_error);
+  EXPECT_EQ(1u, r->passes);
+  // The anchor closed on the way out; the task's own flag stays set.
+  EXPECT_FALSE(r->currentlyRunningTask());
+  EXPECT_TRUE(thrower->taskCurrentlyRunning());
+  // The chain starts again at the next request.
+  r->requestSchedulerRun();
+  Platform::doEventLoop();
+  EXPECT_EQ(2u, r->passes);
+}
