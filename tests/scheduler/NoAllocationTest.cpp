@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <new>
 
+#ifndef KESTO_SANITIZED
 namespace {
 std::atomic<bool> counting{false};
 std::atomic<unsigned long> allocations{0};
@@ -18,7 +19,6 @@ void note() noexcept {
 }
 } // namespace
 
-#ifndef KESTO_SANITIZED
 extern "C" {
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);

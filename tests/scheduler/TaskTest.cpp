@@ -605,3 +605,17 @@ TEST(Task, ThreadIsCheckedOnQueueOperations) {
   EXPECT_TRUE(contains(text, "Executing in wrong thread"));
   EXPECT_FALSE(t->taskScheduled());
 }
+
+TEST(Task, RootRatioTaskLeavesTheForceYieldSetAtDestruction) {
+  auto s = TestScheduler::rootIs();
+  s->testYieldRatioIs(4);
+  {
+    auto t = taskIs(s, TaskPriority::normal, "ratio");
+    EXPECT_EQ(t->taskShouldYieldMode(), 2);
+    EXPECT_EQ(s->forceYieldTaskCount(), 1u);
+  }
+  EXPECT_EQ(s->forceYieldTaskCount(), 0u);
+  // A refused task does not stay in the set either.
+  assertText([&] { taskIs(s, TaskPriority::critical, "unauthorized"); });
+  EXPECT_EQ(s->forceYieldTaskCount(), 0u);
+}

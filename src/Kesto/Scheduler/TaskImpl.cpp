@@ -30,7 +30,15 @@ TaskImpl::TaskImpl(Ptr<TaskScheduler> scheduler, TaskPriority priority, const St
 
 void TaskImpl::handleInitialized() {
   KESTO_ASSERT(taskScheduler_, className, "Need a TaskScheduler");
-  taskScheduler_->taskRegister(this);
+  try {
+    taskScheduler_->taskRegister(this);
+  } catch (...) {
+    // A refused task must not stay in the force-yield set it may have joined
+    // through the root's test ratio.
+    if (taskYieldRatio_)
+      taskScheduler_->taskForceYieldInTestNotify(this, false);
+    throw;
+  }
 }
 
 TaskImpl::~TaskImpl() {
@@ -39,6 +47,12 @@ TaskImpl::~TaskImpl() {
     taskTestYieldRatio_ = 0;
     taskHistoryInsert(taskClockNow(), TaskSchedulerEventType::frcYieldOff);
     taskShouldYieldModeReevaluate();
+  }
+  // A ratio that came from the root keeps the task in the scheduler's
+  // force-yield set; it must not outlive the task there.
+  if (taskYieldRatio_) {
+    taskYieldRatio_ = 0;
+    s.taskForceYieldInTestNotify(this, false);
   }
   unscheduleTask();
   s.taskUnregister(this);
