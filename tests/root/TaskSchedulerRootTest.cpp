@@ -665,6 +665,7 @@ TEST(TaskSchedulerRoot, ForkedChildPassesTheCheckWhateverTheThread) {
   std::thread([&] {
     r = schedulerRootKestoNonShared("forkParent");
     t = rootTaskIs(r, TaskPriority::normal, "parentTask");
+    leFree(); // the root's controls stay safe to destroy
   }).join();
   EXPECT_TRUE(asserts([&] { (void)t->taskScheduled(); }));
 
