@@ -31,3 +31,21 @@
 #include <Kesto/Version.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
+
+// The core library and the allocator, which the interface above is built on.
+#include <Kesto/Core/Backtrace.h>
+#include <Kesto/Core/Exception.h>
+#include <Kesto/Core/HashMix.h>
+#include <Kesto/Core/Hooks.h>
+#include <Kesto/Core/Locking.h>
+#include <Kesto/Core/OStringStream.h>
+#include <Kesto/Core/PidMappings.h>
+#include <Kesto/Core/Ptr.h>
+#include <Kesto/Core/Publisher.h>
+#include <Kesto/Core/Rdtsc.h>
+#include <Kesto/Core/String.h>
+#include <Kesto/Core/System.h>
+#include <Kesto/Core/ThreadControl.h>
+#include <Kesto/Core/Types.h>
+#include <ZuSlab/Allocator.h>
+#include <ZuSlab/ZuSlab.h>
