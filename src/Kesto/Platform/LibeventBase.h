@@ -39,13 +39,17 @@ inline double timevalToDouble(const timeval& tv) noexcept {
 
 // Nanoseconds by which the coarse clock trails CLOCK_MONOTONIC now: the
 // coarse clock is read first, so the answer errs on the large side.
-inline long coarseClockLagNanos() noexcept {
-  timespec coarse;
+inline long coarseClockLagNanosSince(const timespec& coarse) noexcept {
   timespec precise;
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &coarse);
   clock_gettime(CLOCK_MONOTONIC, &precise);
   const long lag = (precise.tv_sec - coarse.tv_sec) * 1000000000L + (precise.tv_nsec - coarse.tv_nsec);
   return lag > 0 ? lag : 0;
+}
+
+inline long coarseClockLagNanos() noexcept {
+  timespec coarse;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &coarse);
+  return coarseClockLagNanosSince(coarse);
 }
 
 inline timeval microsecondsToTimeval(long us) noexcept {
@@ -71,8 +75,14 @@ inline void refreshBaseTime() noexcept { event_base_update_cache_time(ev_base); 
 inline timeval forBaseClock(timeval tv) noexcept {
   if (tv.tv_sec < 0 || (tv.tv_sec == 0 && tv.tv_usec <= 0))
     return tv;
+  // The coarse clock is read before the base refreshes its own reading, so
+  // that a tick of the coarse clock between the two can only lengthen the
+  // lag: measured the other way round, a tick in between made the timeout a
+  // whole tick short.
+  timespec coarse;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &coarse);
   refreshBaseTime();
-  const timeval lag = microsecondsToTimeval((coarseClockLagNanos() + 999) / 1000 + 2);
+  const timeval lag = microsecondsToTimeval((coarseClockLagNanosSince(coarse) + 999) / 1000 + 2);
   timeval result;
   timeradd(&tv, &lag, &result);
   return result;
