@@ -11,36 +11,14 @@
 #include <Kesto/Core/String.h>
 #include <Kesto/Core/ThreadControl.h>
 
+#include "MallocCounter.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-namespace {
-// Per thread, so that what the benchmark framework does on its own threads
-// is not charged to the loop being measured.
-thread_local unsigned long allocations = 0;
-} // namespace
-
-extern "C" {
-void* __libc_malloc(std::size_t);
-void* __libc_calloc(std::size_t, std::size_t);
-void* __libc_realloc(void*, std::size_t);
-
-void* malloc(std::size_t n) {
-  ++allocations;
-  return __libc_malloc(n);
-}
-void* calloc(std::size_t count, std::size_t n) {
-  ++allocations;
-  return __libc_calloc(count, n);
-}
-void* realloc(void* p, std::size_t n) {
-  ++allocations;
-  return __libc_realloc(p, n);
-}
-}
 
 namespace {
 
@@ -51,9 +29,9 @@ using Kesto::String;
 class AllocationCheck {
 public:
   AllocationCheck(benchmark::State& state, bool mustNotAllocate)
-      : state_(state), mustNotAllocate_(mustNotAllocate), start_(allocations) {}
+      : state_(state), mustNotAllocate_(mustNotAllocate), start_(KestoBench::mallocCalls) {}
   ~AllocationCheck() {
-    const unsigned long made = allocations - start_;
+    const unsigned long made = KestoBench::mallocCalls - start_;
     const double iterations = state_.iterations() ? double(state_.iterations()) : 1.0;
     state_.counters["allocs/iter"] = double(made) / iterations;
     if (mustNotAllocate_ && made != 0)

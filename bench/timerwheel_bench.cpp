@@ -24,6 +24,8 @@
 #include <Kesto/TimerWheel/TimerWheelTimerControl.h>
 #include <Kesto/TimerWheelEvent.h>
 
+#include "MallocCounter.h"
+
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
 #include <event2/event_struct.h>
@@ -34,28 +36,6 @@
 #include <random>
 #include <vector>
 
-namespace {
-thread_local unsigned long mallocCalls = 0;
-} // namespace
-
-extern "C" {
-void* __libc_malloc(std::size_t);
-void* __libc_calloc(std::size_t, std::size_t);
-void* __libc_realloc(void*, std::size_t);
-
-void* malloc(std::size_t n) {
-  ++mallocCalls;
-  return __libc_malloc(n);
-}
-void* calloc(std::size_t count, std::size_t n) {
-  ++mallocCalls;
-  return __libc_calloc(count, n);
-}
-void* realloc(void* p, std::size_t n) {
-  ++mallocCalls;
-  return __libc_realloc(p, n);
-}
-}
 
 namespace {
 
@@ -110,9 +90,9 @@ double threadCpuSeconds() {
 // Fails the benchmark if the timed loop called malloc.
 class NoAllocation {
 public:
-  explicit NoAllocation(benchmark::State& state) : state_(state), start_(mallocCalls) {}
+  explicit NoAllocation(benchmark::State& state) : state_(state), start_(KestoBench::mallocCalls) {}
   ~NoAllocation() {
-    const unsigned long made = mallocCalls - start_;
+    const unsigned long made = KestoBench::mallocCalls - start_;
     state_.counters["mallocs"] = double(made);
     if (made != 0)
       state_.SkipWithError("a start or stop allocated");
