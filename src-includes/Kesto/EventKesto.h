@@ -4,6 +4,7 @@
 
 #include <Kesto/DebugControl.h>
 #include <Kesto/DebugHandler.h>
+#include <Kesto/FileDescriptorTask.h>
 #include <Kesto/Libevent.h>
 #include <Kesto/LibeventControls.h>
 #include <Kesto/LibeventExtensions.h>

@@ -13,9 +13,12 @@ String quantumText(TaskDurationMs q) {
   return durationToString(std::chrono::duration<int32_t, std::milli>(int32_t(q.count())));
 }
 
-// Work marks: all ones means "no value yet", so a real value of all ones is
-// stored one below.
-U32 markValue(unsigned long n) noexcept { return n >= TaskStat::noValue ? TaskStat::noValue - 1 : U32(n); }
+// Work marks hold the low 32 bits of a value. All ones means "no value
+// yet", so a value whose low 32 bits are all ones is stored one below.
+U32 markValue(unsigned long n) noexcept {
+  const U32 low = U32(n);
+  return low == TaskStat::noValue ? TaskStat::noValue - 1 : low;
+}
 } // namespace
 
 TaskImpl::TaskImpl(Ptr<TaskScheduler> scheduler, TaskPriority priority, const String& name)
