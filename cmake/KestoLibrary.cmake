@@ -22,6 +22,9 @@ function(kesto_add_library target)
     $<BUILD_INTERFACE:${ARG_INCLUDE}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${target} PRIVATE kesto_build_flags)
+  # Calls between functions of one library go direct, and may be inlined,
+  # rather than through the PLT: nothing of ours is meant to be interposed.
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition)
   set_property(GLOBAL APPEND PROPERTY KESTO_INSTALL_TARGETS ${target})
   set_property(GLOBAL APPEND PROPERTY KESTO_INSTALL_INCLUDES ${ARG_INCLUDE})
 endfunction()
