@@ -25,6 +25,7 @@
 #include <Kesto/TaskStat.h>
 #include <Kesto/TaskTypes.h>
 #include <Kesto/Time.h>
+#include <Kesto/TimerTask.h>
 #include <Kesto/TimerWheel.h>
 #include <Kesto/TimerWheelEvent.h>
 #include <Kesto/TimerWheelState.h>

@@ -155,6 +155,14 @@ public:
   bool threadSanityDisabled() const noexcept { return threadSanityDisabled_; }
   bool isMainThread() const noexcept { return isMainThread_; }
 
+  // --- timer tasks ------------------------------------------------------------------
+  // The random state behind the jitter of every timer task of this root, for
+  // rand_r. It starts at 0 and nothing seeds it, so a process that makes the
+  // same calls in the same order draws the same jitter in every run.
+  unsigned int* jitterSeed() noexcept { return &jitterSeed_; }
+  // Puts the random state at a chosen point of its sequence. For tests.
+  void jitterSeedIsForTest(unsigned int seed) noexcept { jitterSeed_ = seed; }
+
 protected:
   explicit TaskSchedulerRoot(const String& name);
 
@@ -171,6 +179,7 @@ private:
   bool virtualTime_ = false;
   bool isMainThread_;
   U8 testYieldRatio_ = 0;
+  unsigned int jitterSeed_ = 0;
 };
 
 // The calling thread's shared root, made at first use: "main" on the main
