@@ -204,10 +204,7 @@ private:
 
 } // namespace
 
-void String::freeHeap() noexcept {
-  if (isOrdinary())
-    std::free(ownedData());
-}
+void String::freeOrdinary() noexcept { std::free(ownedData()); }
 
 void String::initFrom(std::string_view text) {
   const U32 n = static_cast<U32>(text.size());

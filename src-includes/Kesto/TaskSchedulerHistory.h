@@ -6,7 +6,7 @@
 // it is used on the root's thread only, without a lock.
 //
 // Recording allocates nothing: the ring's slots exist from construction (and
-// from historyEntryCountIs), and an event's identifier is a short or
+// from historyEntryCountIs) and recording assigns to one, and an event's identifier is a short or
 // deduplicated String whose copy is a plain 24-byte copy. eventIdentifier()
 // checks that property, because the ring outlives the tasks it names.
 #pragma once
@@ -17,7 +17,10 @@
 
 #include <ZuSlab/Allocator.h>
 
-#include <boost/circular_buffer.hpp>
+#include <compare>
+#include <cstddef>
+#include <iterator>
+#include <vector>
 
 namespace Kesto {
 
@@ -97,26 +100,40 @@ public:
     TaskTimeStamp timestamp;
     String identifier;
 
+    // Fails unless `type` is one of the task event types.
+    static void eventNeedTask(TaskSchedulerEventType type) {
+      if (type.value() >= TaskSchedulerEventType::firstSchedulerEvent) [[unlikely]]
+        eventNotTaskEvent(type);
+    }
+
   private:
-    void eventNeedTask() const;
+    static void eventNotTaskEvent(TaskSchedulerEventType type);
   };
 
-  using Ring = boost::circular_buffer<Event, Allocator<Event>>;
-  using const_iterator = Ring::const_iterator;
+  class const_iterator;
 
-  explicit TaskSchedulerHistory(unsigned capacity) : ring_(capacity) {}
+  explicit TaskSchedulerHistory(unsigned capacity);
 
   // Puts the event first; when full the oldest falls off; with capacity 0
   // the event is dropped. Constant time, no allocation.
   void insert(Event&& event) noexcept {
-    if (ring_.capacity() != 0) [[likely]]
-      ring_.push_front(std::move(event));
+    if (Event* slot = nextSlot()) [[likely]]
+      *slot = std::move(event);
+  }
+  // The same from the parts of an event, written straight into its slot.
+  // `identifier` must be short or deduplicated (its copy cannot allocate).
+  void record(const TaskTimeStamp& timestamp, TaskSchedulerEventType type, const String& identifier) noexcept {
+    if (Event* slot = nextSlot()) [[likely]] {
+      slot->eventType = type;
+      slot->timestamp = timestamp;
+      slot->identifier = identifier;
+    }
   }
 
   // Capacity of the ring.
-  unsigned historyEntryCount() const noexcept { return unsigned(ring_.capacity()); }
+  unsigned historyEntryCount() const noexcept { return unsigned(slots_.size()); }
   // Events held.
-  unsigned historyEventCount() const noexcept { return unsigned(ring_.size()); }
+  unsigned historyEventCount() const noexcept { return size_; }
   // New capacity, keeping the newest events that fit, in order. 0 switches
   // recording off. Allocates (outside the run path).
   void historyEntryCountIs(unsigned capacity);
@@ -125,13 +142,74 @@ public:
   void clearHistory(const TaskScheduler* owner = nullptr);
 
   // Newest first.
-  const_iterator begin() const noexcept { return ring_.begin(); }
-  const_iterator end() const noexcept { return ring_.end(); }
-  const Event& operator[](unsigned i) const noexcept { return ring_[i]; }
+  const_iterator begin() const noexcept;
+  const_iterator end() const noexcept;
+  const Event& operator[](unsigned i) const noexcept {
+    unsigned slot = newest_ + i;
+    if (slot >= slots_.size())
+      slot -= unsigned(slots_.size());
+    return slots_[slot];
+  }
 
 private:
-  Ring ring_;
+  // The slot the next event goes to, which becomes the newest: the one
+  // before the newest, where the oldest is once the ring is full. Null with
+  // capacity 0.
+  Event* nextSlot() noexcept {
+    const unsigned capacity = unsigned(slots_.size());
+    if (capacity == 0) [[unlikely]]
+      return nullptr;
+    newest_ = (newest_ == 0 ? capacity : newest_) - 1;
+    if (size_ < capacity)
+      ++size_;
+    return &slots_[newest_];
+  }
+
+  // Every slot holds an Event from the start (a blank one until written), so
+  // that recording only ever assigns. The newest event is at newest_, older
+  // ones follow it, wrapping around.
+  std::vector<Event, Allocator<Event>> slots_;
+  unsigned newest_ = 0;
+  unsigned size_ = 0;
 };
+
+// Walks the events newest first; random access, as over an array.
+class TaskSchedulerHistory::const_iterator {
+public:
+  using iterator_category = std::random_access_iterator_tag;
+  using value_type = Event;
+  using difference_type = std::ptrdiff_t;
+  using pointer = const Event*;
+  using reference = const Event&;
+
+  const_iterator() noexcept = default;
+  const_iterator(const TaskSchedulerHistory* history, unsigned index) noexcept : history_(history), index_(index) {}
+
+  reference operator*() const noexcept { return (*history_)[index_]; }
+  pointer operator->() const noexcept { return &(*history_)[index_]; }
+  reference operator[](difference_type n) const noexcept { return (*history_)[unsigned(index_ + n)]; }
+  const_iterator& operator++() noexcept { ++index_; return *this; }
+  const_iterator operator++(int) noexcept { const_iterator old = *this; ++index_; return old; }
+  const_iterator& operator--() noexcept { --index_; return *this; }
+  const_iterator operator--(int) noexcept { const_iterator old = *this; --index_; return old; }
+  const_iterator& operator+=(difference_type n) noexcept { index_ = unsigned(index_ + n); return *this; }
+  const_iterator& operator-=(difference_type n) noexcept { index_ = unsigned(index_ - n); return *this; }
+  friend const_iterator operator+(const_iterator it, difference_type n) noexcept { return it += n; }
+  friend const_iterator operator+(difference_type n, const_iterator it) noexcept { return it += n; }
+  friend const_iterator operator-(const_iterator it, difference_type n) noexcept { return it -= n; }
+  friend difference_type operator-(const const_iterator& a, const const_iterator& b) noexcept {
+    return difference_type(a.index_) - difference_type(b.index_);
+  }
+  friend bool operator==(const const_iterator& a, const const_iterator& b) noexcept { return a.index_ == b.index_; }
+  friend auto operator<=>(const const_iterator& a, const const_iterator& b) noexcept { return a.index_ <=> b.index_; }
+
+private:
+  const TaskSchedulerHistory* history_ = nullptr;
+  unsigned index_ = 0;
+};
+
+inline TaskSchedulerHistory::const_iterator TaskSchedulerHistory::begin() const noexcept { return {this, 0}; }
+inline TaskSchedulerHistory::const_iterator TaskSchedulerHistory::end() const noexcept { return {this, size_}; }
 
 } // namespace Kesto
 

@@ -18,7 +18,8 @@ const String& _TaskBase::taskSchedulerName() const noexcept {
 }
 
 void _TaskBase::taskHistoryInsert(const TaskTimeStamp& when, const TaskSchedulerEventType& type) const {
-  taskScheduler_->taskSchedulerHistory()->insert(TaskSchedulerHistory::Event(when, type, this));
+  TaskSchedulerHistory::Event::eventNeedTask(type);
+  taskScheduler_->taskSchedulerHistory()->record(when, type, taskHistoryIdentifier_);
 }
 
 String _TaskBase::calculateTaskHistoryIdentifier() const {

@@ -242,7 +242,7 @@ void TaskScheduler::doTimerRunningDec(const TaskTimeStamp& now) {
 }
 
 void TaskScheduler::historyInsert(const TaskTimeStamp& when, TaskSchedulerEventType type) const {
-  taskSchedulerHistory_->insert(TaskSchedulerHistory::Event(when, type, this));
+  taskSchedulerHistory_->record(when, type, schedulerName_);
 }
 
 void TaskScheduler::taskForceYieldInTestNotify(TaskImpl* task, bool on) {

@@ -50,19 +50,17 @@ const char* TaskSchedulerEventType::eventTypeDisplay() const {
 
 TaskSchedulerHistory::Event::Event(const TaskTimeStamp& when, TaskSchedulerEventType type, const _TaskBase* task)
     : eventType(type), timestamp(when), identifier(task->taskHistoryIdentifier()) {
-  eventNeedTask();
+  eventNeedTask(type);
 }
 
 TaskSchedulerHistory::Event::Event(const TaskTimeStamp& when, TaskSchedulerEventType type,
                                    const TaskScheduler* scheduler)
     : eventType(type), timestamp(when), identifier(scheduler->schedulerName()) {}
 
-void TaskSchedulerHistory::Event::eventNeedTask() const {
-  if (eventType.value() < TaskSchedulerEventType::firstSchedulerEvent) [[likely]]
-    return;
-  if (eventType.value() < TaskSchedulerEventType::count)
-    KESTO_FAIL(className, "EventType: {}", unsigned(eventType.value()));
-  KESTO_FAIL(className, "unexpected eventType={}", unsigned(eventType.value()));
+void TaskSchedulerHistory::Event::eventNotTaskEvent(TaskSchedulerEventType type) {
+  if (type.value() < TaskSchedulerEventType::count)
+    KESTO_FAIL(className, "EventType: {}", unsigned(type.value()));
+  KESTO_FAIL(className, "unexpected eventType={}", unsigned(type.value()));
 }
 
 const String& TaskSchedulerHistory::Event::eventIdentifier() const {
@@ -74,17 +72,27 @@ const String& TaskSchedulerHistory::Event::eventIdentifier() const {
   return identifier;
 }
 
+TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity)
+    : slots_(capacity, Event(TaskTimeStamp{}, TaskSchedulerEventType(0u), String())) {}
+
 void TaskSchedulerHistory::historyEntryCountIs(unsigned capacity) {
-  if (capacity == ring_.capacity())
+  if (capacity == slots_.size())
     return;
-  // set_capacity drops from the back, where the oldest events are.
-  ring_.set_capacity(capacity);
+  // The newest events that fit, newest first from slot 0.
+  std::vector<Event, Allocator<Event>> slots(capacity, Event(TaskTimeStamp{}, TaskSchedulerEventType(0u), String()));
+  const unsigned kept = size_ < capacity ? size_ : capacity;
+  for (unsigned i = 0; i < kept; ++i)
+    slots[i] = (*this)[i];
+  slots_.swap(slots);
+  newest_ = 0;
+  size_ = kept;
 }
 
 void TaskSchedulerHistory::clearHistory(const TaskScheduler* owner) {
   if (owner)
     KESTO_TRACE(Debug::taskScheduler, 2, className, "{} history cleared", *owner);
-  ring_.clear();
+  size_ = 0;
+  newest_ = 0;
 }
 
 } // namespace Kesto

@@ -208,7 +208,13 @@ private:
     std::memcpy(bytes_ + 12, &capacity, sizeof capacity);
     setTag(static_cast<U8>(static_cast<U8>(f) << formShift));
   }
-  void freeHeap() noexcept;
+  // Frees the buffer of the ordinary form; inline, because the other forms,
+  // the common case on hot paths, have nothing to free.
+  void freeHeap() noexcept {
+    if (isOrdinary()) [[unlikely]]
+      freeOrdinary();
+  }
+  void freeOrdinary() noexcept;
   // Fills a string under construction: reads nothing of the current bytes.
   void initFrom(std::string_view text);
   void assign(std::string_view text);
