@@ -1,108 +1,344 @@
-// A small agent that shows the tracing facility at work.
+// An agent that does all its work on one thread, as a daemon built on the
+// library would: a descriptor task takes in messages that a timer task
+// writes into a socketpair, a cruncher works them off in slices that yield
+// when their quantum is used, a heartbeat and an audit run on jittered
+// timers, and a compactor gets the thread only when nothing else wants it.
 //
-// Run with no arguments it starts itself again once per scenario, each time
-// with other TRACE / TRACEFORMAT values, and prints a heading before each
-// run, so that one can see what the environment changes in the output:
+// It runs a few seconds of real event loop, then an hour of virtual time
+// under fast forward (in well under a second of real time), and prints the
+// per-priority queue statistics and each task's statistics.
 //
-//   demo_agent              all scenarios, one after the other
-//   demo_agent --run        one agent run under the current environment
+//   demo_agent [real-seconds [simulated-seconds]]      defaults: 3 and 3600
 //
-// The agent itself is a class holding its own handler ("Demo"); as the
-// agent grows, its work goes into DemoAgent::run().
+// With TRACE=TaskScheduler/8 every scheduling step is traced; keep the run
+// short then, for example: TRACE=TaskScheduler/8 demo_agent 0.05 1
 #include <Kesto/EventKesto.h>
 
-#include <spawn.h>
-#include <sys/wait.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <initializer_list>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
-extern char** environ;
+using namespace Kesto;
 
 namespace {
 
-class DemoAgent : public Kesto::Debuggable {
+// Messages on the socketpair: one datagram each, so that a read never has
+// to keep a partial message between runs.
+struct Message {
+  U64 sequence;
+  U64 sentAtNanos; // Kesto::time() of the sender, for the transit figure
+  std::array<char, 48> payload;
+};
+static_assert(sizeof(Message) == 64);
+
+U64 nanosOf(double seconds) { return U64(seconds * 1e9); }
+
+// The demo's tasks are plain heap objects: each concrete task class brings
+// its own deallocation.
+#define DEMO_TASK_DELETE \
+  static void operator delete(void* p) { ::operator delete(p); }
+
+// Works off a backlog of items, each a hash over a block of memory, in
+// slices that end when the task has used its quantum.
+class Cruncher : public Task {
 public:
-  DemoAgent() : Kesto::Debuggable(Kesto::String("Demo"), false) {}
+  explicit Cruncher(const Ptr<TaskScheduler>& s) : Task(s, TaskPriority::low, "cruncher") {}
+  DEMO_TASK_DELETE
 
-  int run() {
-    KESTO_TRACE(*this, 0, "DemoAgent", "level 0: failures are traced here");
-    KESTO_TRACE(*this, 1, "DemoAgent", "level 1: so are warnings");
-    KESTO_TRACE(*this, 2, "DemoAgent", "level 2: set-up step {} of {}", 1, 2);
-    KESTO_TRACE(*this, 5, "DemoAgent", "level 5: flow, waited {}", std::chrono::nanoseconds(1500000));
-    KESTO_TRACE(*this, 9, "DemoAgent", "level 9: detail at {}", Kesto::DisplayPointer(this));
-
-    // Trace settings can also change at run time.
-    Kesto::Platform::setupKestoDebug("Demo/7");
-    KESTO_TRACE(*this, 7, "DemoAgent", "level 7: enabled at run time by setupKestoDebug(\"Demo/7\")");
-    Kesto::Platform::clearKestoDebug("Demo/7");
-    KESTO_TRACE(*this, 7, "DemoAgent", "level 7: never printed, cleared again");
-
-    std::fflush(stderr);
-    std::printf("  tables after the run:\n");
-    std::fflush(stdout);
-    Kesto::Platform::dumpKestoDebugMap();
-    return 0;
+  void more(U32 items) {
+    backlog_ += items;
+    if (!taskScheduled() && !taskCurrentlyRunning())
+      scheduleTask();
   }
-};
+  U64 itemsDone() const { return itemsDone_; }
+  U64 checksum() const { return checksum_; }
 
-struct Scenario {
-  const char* heading;
-  const char* trace;       // null: TRACE unset
-  const char* traceFormat; // null: TRACEFORMAT unset
-};
-
-const Scenario scenarios[] = {
-    {"defaults: Demo is silent, Kesto* handlers have levels 0 and 1", nullptr, nullptr},
-    {"TRACE=Demo/012: failures, warnings and set-up steps", "Demo/012", nullptr},
-    {"TRACE=Demo/*  TRACEFORMAT=level,func-name: every level, a short prefix", "Demo/*", "level,func-name"},
-    {"TRACE=De*/5,Demo/9  TRACEFORMAT=handle,line-info: a wildcard and a name", "De*/5,Demo/9", "handle,line-info"},
-    {"TRACEFORMAT=help: the usage, and the default format stays", "Demo/0", "help"},
-    {"TRACEFORMAT=date,bogus: an invalid field, and the default format stays", "Demo/0", "date,bogus"},
-};
-
-int runScenario(const char* self, const Scenario& scenario) {
-  std::printf("\n=== %s\n", scenario.heading);
-  std::fflush(stdout);
-  std::vector<std::string> env;
-  for (char** e = environ; *e; ++e)
-    if (std::strncmp(*e, "TRACE=", 6) != 0 && std::strncmp(*e, "TRACEFORMAT=", 12) != 0 &&
-        std::strncmp(*e, "TRACEFILE=", 10) != 0)
-      env.emplace_back(*e);
-  if (scenario.trace)
-    env.push_back(std::string("TRACE=") + scenario.trace);
-  if (scenario.traceFormat)
-    env.push_back(std::string("TRACEFORMAT=") + scenario.traceFormat);
-  std::vector<char*> envp;
-  for (std::string& e : env)
-    envp.push_back(e.data());
-  envp.push_back(nullptr);
-  char runFlag[] = "--run";
-  char* argv[] = {const_cast<char*>(self), runFlag, nullptr};
-  pid_t pid;
-  if (posix_spawn(&pid, self, nullptr, nullptr, argv, envp.data()) != 0) {
-    std::perror("posix_spawn");
-    return 1;
+  void taskExecute() override {
+    U32 done = 0;
+    while (backlog_ != 0 && !taskShouldYield()) {
+      checksum_ = hashBlock(checksum_ + itemsDone_);
+      --backlog_;
+      ++itemsDone_;
+      ++done;
+    }
+    taskWorkCountInc(done);
+    taskWorkPendingIs(backlog_);
+    if (backlog_ != 0)
+      scheduleTask();
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+
+private:
+  U64 hashBlock(U64 seed) {
+    U64 h = 1469598103934665603ULL ^ seed;
+    for (unsigned char c : block_) {
+      h ^= c;
+      h *= 1099511628211ULL;
+    }
+    block_[seed % block_.size()] = static_cast<unsigned char>(h);
+    return h;
+  }
+
+  std::array<unsigned char, 256> block_{};
+  U32 backlog_ = 0;
+  U64 itemsDone_ = 0;
+  U64 checksum_ = 0;
+};
+
+// Reads messages off its end of the socketpair. The loop only queues its read
+// task; the reading happens here, at high priority, as one task among others.
+class Ingest : public FileDescriptorTask {
+public:
+  Ingest(const Ptr<TaskScheduler>& s, int fd, Cruncher* cruncher)
+      : FileDescriptorTask(s, TaskPriority::high, "ingest"), cruncher_(cruncher) {
+    taskWatchFdIs(fd);
+  }
+  DEMO_TASK_DELETE
+
+  U64 received() const { return received_; }
+  double maxTransitSeconds() const { return double(maxTransitNanos_) / 1e9; }
+
+  void taskExecuteReadable() override {
+    Message m;
+    U32 messages = 0;
+    for (;;) {
+      if (::recv(taskWatchFd(), &m, sizeof(m), 0) != ssize_t(sizeof(m)))
+        break; // EAGAIN: drained; the persistent read event brings us back
+      const U64 now = nanosOf(Kesto::time());
+      if (now - m.sentAtNanos > maxTransitNanos_)
+        maxTransitNanos_ = now - m.sentAtNanos;
+      ++messages;
+      if (taskShouldYield()) {
+        scheduleTaskReadable(); // more may be waiting; yield to others first
+        break;
+      }
+    }
+    received_ += messages;
+    taskWorkCountInc(messages);
+    cruncher_->more(messages);
+  }
+  void taskExecuteWritable() override {}
+
+private:
+  Cruncher* cruncher_;
+  U64 received_ = 0;
+  U64 maxTransitNanos_ = 0;
+};
+
+// Writes a burst of messages every 100 ms, less a random part of up to half.
+class Feed : public TimerTask {
+public:
+  Feed(const Ptr<TaskScheduler>& s, int fd) : TimerTask(s, TaskPriority::normal, "feed"), fd_(fd) {}
+  DEMO_TASK_DELETE
+
+  U64 sent() const { return sent_; }
+  U64 refused() const { return refused_; }
+
+  void taskExecute() override {
+    const unsigned burst = 1 + unsigned(sent_ % 4);
+    for (unsigned i = 0; i < burst; ++i) {
+      Message m{};
+      m.sequence = sent_;
+      m.sentAtNanos = nanosOf(Kesto::time());
+      fmt::format_to_n(m.payload.data(), m.payload.size() - 1, "message {}", sent_);
+      if (::send(fd_, &m, sizeof(m), 0) != ssize_t(sizeof(m))) {
+        ++refused_; // the reader fell behind by a whole socket buffer
+        break;
+      }
+      ++sent_;
+    }
+    taskWorkCountInc(burst);
+    scheduleTaskJitterDown(0.100, 50);
+  }
+
+private:
+  int fd_;
+  U64 sent_ = 0;
+  U64 refused_ = 0;
+};
+
+// Beats once a second, plus up to 5%, and checks how late its timer came.
+// A timer never fires before its time, so the lateness is never negative.
+class Heartbeat : public TimerTask {
+public:
+  Heartbeat(const Ptr<TaskScheduler>& s, Task* compactor)
+      : TimerTask(s, TaskPriority::high, "heartbeat"), compactor_(compactor) {}
+  DEMO_TASK_DELETE
+
+  void start() {
+    scheduleTaskJitterUp(1.0, 5);
+    due_ = currentExpirationTime();
+  }
+  U64 beats() const { return beats_; }
+  double maxLateness() const { return maxLateness_; }
+  double minLateness() const { return minLateness_; }
+
+  void taskExecute() override {
+    const double lateness = Kesto::time() - due_;
+    if (lateness > maxLateness_)
+      maxLateness_ = lateness;
+    if (lateness < minLateness_)
+      minLateness_ = lateness;
+    ++beats_;
+    compactor_->scheduleTask(); // tidy up whenever the thread is idle
+    start();
+  }
+
+private:
+  Task* compactor_;
+  double due_ = 0.0;
+  U64 beats_ = 0;
+  double maxLateness_ = 0.0;
+  double minLateness_ = 1e9;
+};
+
+// Once a minute, plus up to 10%: checks that nothing was lost on the way.
+// It runs at absolute priority, ahead of everything else.
+class Audit : public TimerTask {
+public:
+  Audit(const Ptr<TaskScheduler>& s, const Feed* feed, const Ingest* ingest)
+      : TimerTask(s, TaskPriority::absolute, "audit"), feed_(feed), ingest_(ingest) {}
+  DEMO_TASK_DELETE
+
+  U64 audits() const { return audits_; }
+  U64 maxInFlight() const { return maxInFlight_; }
+
+  void taskExecute() override {
+    ++audits_;
+    const U64 inFlight = feed_->sent() - ingest_->received();
+    if (inFlight > maxInFlight_)
+      maxInFlight_ = inFlight;
+    scheduleTaskJitterUp(60.0, 10);
+  }
+
+private:
+  const Feed* feed_;
+  const Ingest* ingest_;
+  U64 audits_ = 0;
+  U64 maxInFlight_ = 0;
+};
+
+// Scavenge priority: runs only when every other queue is empty.
+class Compactor : public Task {
+public:
+  explicit Compactor(const Ptr<TaskScheduler>& s) : Task(s, TaskPriority::scavenge, "compactor") {}
+  DEMO_TASK_DELETE
+  void taskExecute() override { taskWorkCountInc(1); }
+};
+
+// ---- the report -------------------------------------------------------------
+
+void printQueueStats(const TaskSchedulerRoot& root) {
+  fmt::print("\nRun queues by priority\n");
+  fmt::print("  {:<9} {:>9} {:>6} {:>10} {:>12}\n", "priority", "runnable", "idle", "completed", "task runs");
+  for (const auto& [priority, stats] : root.queueStatsRoot())
+    fmt::print("  {:<9} {:>9} {:>6} {:>10} {:>12}\n", fmt::format("{}", priority), stats.runnableTasks,
+               stats.idleTasks, stats.completedTasks, stats.totalRunCount);
+}
+
+void printTaskHeader() {
+  fmt::print("\nTasks\n");
+  fmt::print("  {:<14} {:<9} {:>8} {:>10} {:>8} {:>8} {:>5} {:>5} {:>9} {:>8}\n", "task", "priority", "runs",
+             "run time", "max run", "max wait", ">200%", ">500%", "work", "max pend");
+}
+
+void printTask(const TaskStat& s) {
+  const U32 pendingMark = s.taskWorkPendingHighWaterMark();
+  fmt::print("  {:<14} {:<9} {:>8} {:>10} {:>5} ms {:>5} ms {:>5} {:>5} {:>9} {:>8}\n", s.taskName().view(),
+             fmt::format("{}", s.taskPriority()), s.taskRunCount(), durationToString(s.taskTotalRunTime()).view(),
+             s.taskRunTimeHighWaterMark().count(), s.taskSchedulingLatencyHighWaterMark().count(),
+             s.taskQuantumViolation200(), s.taskQuantumViolation500(), s.taskWorkCountTotal(),
+             pendingMark == TaskStat::noValue ? std::string("-") : std::to_string(pendingMark));
+}
+
+double parseSeconds(const char* text, double fallback) {
+  if (!text)
+    return fallback;
+  char* end = nullptr;
+  const double v = std::strtod(text, &end);
+  if (end == text || *end != '\0' || !(v >= 0.0)) {
+    fmt::print(stderr, "demo_agent: not a number of seconds: {}\n", text);
+    std::exit(2);
+  }
+  return v;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 1 && std::strcmp(argv[1], "--run") == 0)
-    return DemoAgent().run();
+  const double realSeconds = parseSeconds(argc > 1 ? argv[1] : nullptr, 3.0);
+  const double simulatedSeconds = parseSeconds(argc > 2 ? argv[2] : nullptr, 3600.0);
 
-  std::printf("libEventKesto %s: tracing demo\n", Kesto::eventKestoVersion());
-  int failures = 0;
-  for (const Scenario& scenario : scenarios)
-    failures += runScenario("/proc/self/exe", scenario) != 0;
-  return failures == 0 ? 0 : 1;
+  int fds[2];
+  if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) != 0) {
+    std::perror("socketpair");
+    return 1;
+  }
+
+  Ptr<TaskSchedulerRoot> root = schedulerRootKesto();
+  Ptr<Cruncher> cruncher(new Cruncher(root));
+  Ptr<Compactor> compactor(new Compactor(root));
+  Ptr<Ingest> ingest(new Ingest(root, fds[1], cruncher.get()));
+  Ptr<Feed> feed(new Feed(root, fds[0]));
+  Ptr<Heartbeat> heartbeat(new Heartbeat(root, compactor.get()));
+  Ptr<Audit> audit(new Audit(root, feed.get(), ingest.get()));
+
+  fmt::print("Agent on root scheduler \"{}\" with {} tasks\n", root->schedulerName(), root->totalRegisteredTaskCount());
+  feed->scheduleTask();
+  heartbeat->start();
+  audit->scheduleTaskJitterUp(60.0, 10);
+
+  using Clock = std::chrono::steady_clock;
+  auto wall = Clock::now();
+  fmt::print("Running {} s of real event loop...\n", realSeconds);
+  Platform::doEventLoop(realSeconds);
+  fmt::print("  {} messages in, {} heartbeats, {:.3f} s of real time\n", ingest->received(), heartbeat->beats(),
+             std::chrono::duration<double>(Clock::now() - wall).count());
+
+  const double virtualStart = Kesto::time();
+  wall = Clock::now();
+  fmt::print("Running {} s of virtual time under fast forward...\n", simulatedSeconds);
+  Platform::setFastForward(true);
+  Platform::doEventLoop(simulatedSeconds);
+  Platform::setFastForward(false);
+  fmt::print("  {:.0f} s of virtual time passed in {:.3f} s of real time\n", Kesto::time() - virtualStart,
+             std::chrono::duration<double>(Clock::now() - wall).count());
+
+  feed->stopTimerTask();
+  heartbeat->stopTimerTask();
+  audit->stopTimerTask();
+  // Let the last messages in flight be read and crunched.
+  Platform::doEventLoop(0.2);
+
+  printQueueStats(*root);
+  printTaskHeader();
+  for (const TaskImpl* t : std::initializer_list<const TaskImpl*>{feed.get(), cruncher.get(), heartbeat.get(),
+                                                                  audit.get(), compactor.get()})
+    printTask(t->getStats());
+  printTask(root->taskStatForTest(String("ingest:read")));
+
+  fmt::print("\nMessages: {} sent, {} received, {} refused by a full socket, at most {} in flight at an audit, "
+             "longest transit {:.6f} s\n",
+             feed->sent(), ingest->received(), feed->refused(), audit->maxInFlight(), ingest->maxTransitSeconds());
+  fmt::print("Cruncher: {} items, checksum {:016x}\n", cruncher->itemsDone(), cruncher->checksum());
+  fmt::print("Heartbeat: {} beats, lateness from {:.6f} s to {:.6f} s (a timer never fires early)\n",
+             heartbeat->beats(), heartbeat->minLateness(), heartbeat->maxLateness());
+  fmt::print("Audits: {}\n", audit->audits());
+
+  const bool consistent = feed->sent() == ingest->received() && heartbeat->minLateness() >= 0.0;
+  ingest->taskWatchFdDel();
+  ::close(fds[0]);
+  ::close(fds[1]);
+  if (!consistent) {
+    fmt::print(stderr, "demo_agent: messages were lost or a timer fired early\n");
+    return 1;
+  }
+  return 0;
 }
