@@ -297,11 +297,10 @@ TEST(TimerTask, LowestDelayEarlierThanTheRemainingTimeMovesTheExpiry) {
   {
     TraceCapture trace;
     moved = bracket([&] { t->scheduleTaskLowestDelay(5.0); });
-    const std::vector<std::string> lines = trace.linesWith("Timer started");
-    ASSERT_EQ(1u, lines.size()) << trace.text();
-    EXPECT_TRUE(endsWith(lines[0], traceText("scheduleTaskDelayedPrivate",
+    const std::string line = trace.onlyLineWith("Timer started");
+    EXPECT_TRUE(endsWith(line, traceText("scheduleTaskDelayedPrivate",
                                              fmt::format("Timer started {} delay {}", shown(*t), 5.0))))
-        << lines[0];
+        << line;
   }
   const double expiry = t->currentExpirationTime();
   expectExpiryAfter(moved, 5.0, expiry);
@@ -371,11 +370,10 @@ TEST(TimerTask, EndlessDelayIsStopTimerTask) {
     {
       TraceCapture trace;
       endless(*t);
-      const std::vector<std::string> lines = trace.linesWith("Timer stopped");
-      ASSERT_EQ(1u, lines.size()) << trace.text();
-      EXPECT_TRUE(endsWith(lines[0], traceText("stopTimerTask", fmt::format("Timer stopped {}, was running",
+      const std::string line = trace.onlyLineWith("Timer stopped");
+      EXPECT_TRUE(endsWith(line, traceText("stopTimerTask", fmt::format("Timer stopped {}, was running",
                                                                             shown(*t)))))
-          << lines[0];
+          << line;
     }
     EXPECT_FALSE(t->timerRunning());
     EXPECT_FALSE(t->taskScheduled());
@@ -437,11 +435,10 @@ TEST(TimerTask, JitterUpWithZeroPercentDrawsARandomNumberAndSchedulesAfterExactl
     advanceSeed(expectedSeed);
     EXPECT_EQ(expectedSeed, *r->jitterSeed());
     expectExpiryAfter(seconds, 3.0, t->currentExpirationTime());
-    const std::vector<std::string> lines = trace.linesWith("Timer jitterUp");
-    ASSERT_EQ(1u, lines.size()) << trace.text();
-    EXPECT_TRUE(endsWith(lines[0], traceText("_scheduleTaskJitterUp",
+    const std::string line = trace.onlyLineWith("Timer jitterUp");
+    EXPECT_TRUE(endsWith(line, traceText("_scheduleTaskJitterUp",
                                              fmt::format("Timer jitterUp {} delay 3 + 0 = 3", shown(*t)))))
-        << lines[0];
+        << line;
   }
   Bracket duration = bracket([&] { t->scheduleTaskJitterUp(TaskTimeDuration(3000000000), 0); });
   advanceSeed(expectedSeed);
@@ -466,14 +463,13 @@ TEST(TimerTask, JitterDownWithTheTopStepAndAHundredPercentSchedulesAtOnce) {
     {
       TraceCapture trace;
       jitterDown(*t);
-      const std::vector<std::string> lines = trace.linesWith("Timer jitterDown");
-      ASSERT_EQ(1u, lines.size()) << trace.text();
+      const std::string line = trace.onlyLineWith("Timer jitterDown");
       const std::string expected =
           std::string(name) == "seconds"
               ? fmt::format("Timer jitterDown {} delay 3 - 3 = 0", shown(*t))
               : fmt::format("Timer jitterDown {} delay {} - {} = {}", shown(*t), TaskTimeDuration(3000000000),
                             TaskTimeDuration(3000000000), TaskTimeDuration(0));
-      EXPECT_TRUE(endsWith(lines[0], traceText("_scheduleTaskJitterDown", expected))) << lines[0];
+      EXPECT_TRUE(endsWith(line, traceText("_scheduleTaskJitterDown", expected))) << line;
     }
     EXPECT_TRUE(t->onRunQueue());
     EXPECT_FALSE(t->timerRunning());
@@ -683,11 +679,10 @@ TEST(TimerTask, StopTimerTaskOnAnIdleTaskWritesNoHistoryEvent) {
   {
     TraceCapture trace;
     t->stopTimerTask();
-    const std::vector<std::string> lines = trace.linesWith("Timer stopped");
-    ASSERT_EQ(1u, lines.size()) << trace.text();
-    EXPECT_TRUE(endsWith(lines[0], traceText("stopTimerTask", fmt::format("Timer stopped {}, was not running",
+    const std::string line = trace.onlyLineWith("Timer stopped");
+    EXPECT_TRUE(endsWith(line, traceText("stopTimerTask", fmt::format("Timer stopped {}, was not running",
                                                                           shown(*t)))))
-        << lines[0];
+        << line;
   }
   EXPECT_EQ(events, r->historyEventCount());
   EXPECT_EQ(newest.eventType, (*r->taskSchedulerHistory())[0].eventType);

@@ -108,6 +108,17 @@ public:
     return found;
   }
 
+  // The one line that contains `part`; a test failure and "" unless there
+  // is exactly one.
+  std::string onlyLineWith(const std::string& part) {
+    std::vector<std::string> found = linesWith(part);
+    if (found.size() != 1) {
+      ADD_FAILURE() << found.size() << " lines with \"" << part << "\" in:\n" << text();
+      return std::string();
+    }
+    return found[0];
+  }
+
 private:
   std::vector<unsigned short> turnedOn_;
   bool capturing_ = false;
