@@ -39,7 +39,8 @@ LibeventTimerControl::~LibeventTimerControl() { LibeventTimerControl::delTimeout
 
 void LibeventTimerControl::setTimeout(double seconds) {
   const timeval tv = Platform::Impl::secondsToTimeval(seconds);
-  delTimeout();
+  // Our own removal, called directly: it inlines into this hot path.
+  LibeventTimerControl::delTimeout();
   KESTO_TRACE(Debug::kestoLibevent, 9, "Kesto", "Timer {} set timeout {}", DisplayPointer(this), seconds);
   // Assigned anew on every arming, on the calling thread's base, unless the
   // idle event already carries exactly that assignment: re-arming a timer
