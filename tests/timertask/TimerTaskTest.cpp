@@ -64,6 +64,13 @@ void expectExpiryAfter(const Bracket& b, double seconds, double expiry) {
   EXPECT_GE(b.after + seconds, expiry);
 }
 
+// A trace line as the capture's format writes it: handler, level, then the
+// label and the function.
+std::string traceLine(unsigned level, const char* function, const std::string& message) {
+  return fmt::format("TaskScheduler {} TimerTask::{}() {}", level, function, message);
+}
+
+// The end of an assertion's text, after the file and line.
 std::string traceText(const char* function, const std::string& message) {
   return fmt::format("TimerTask::{}() {}", function, message);
 }
@@ -272,13 +279,13 @@ TEST(TimerTask, LowestDelayLaterThanTheRemainingTimeLeavesTheExpiryAlone) {
     EXPECT_EQ(expiry, t->currentExpirationTime());
     t->scheduleTaskLowestDelay(TaskTimeDuration(5000000000));
     EXPECT_EQ(expiry, t->currentExpirationTime());
-    const std::string expected = traceText(
-        "scheduleTaskDelayedPrivate", fmt::format("Timer already running {} expire {}", shown(*t), expiry));
+    const std::string expected = traceLine(8, "scheduleTaskDelayedPrivate",
+                                           fmt::format("Timer already running {} expire {}", shown(*t), expiry));
     const std::vector<std::string> lines = trace.linesWith("Timer already running");
     ASSERT_EQ(2u, lines.size()) << trace.text();
     for (const std::string& line : lines) {
       EXPECT_TRUE(endsWith(line, expected)) << line;
-      EXPECT_NE(std::string::npos, line.find("TaskScheduler")) << line;
+      EXPECT_EQ(0u, line.find("TaskScheduler 8 ")) << line;
     }
     EXPECT_TRUE(trace.linesWith("Timer started").empty());
   }
@@ -298,7 +305,7 @@ TEST(TimerTask, LowestDelayEarlierThanTheRemainingTimeMovesTheExpiry) {
     TraceCapture trace;
     moved = bracket([&] { t->scheduleTaskLowestDelay(5.0); });
     const std::string line = trace.onlyLineWith("Timer started");
-    EXPECT_TRUE(endsWith(line, traceText("scheduleTaskDelayedPrivate",
+    EXPECT_TRUE(endsWith(line, traceLine(8, "scheduleTaskDelayedPrivate",
                                              fmt::format("Timer started {} delay {}", shown(*t), 5.0))))
         << line;
   }
@@ -340,7 +347,7 @@ TEST(TimerTask, LowestDelayLeavesAQueuedTaskOnTheQueue) {
     t->scheduleTaskLowestDelay(TaskTimeDuration(1000));
     const std::vector<std::string> lines = trace.linesWith("Already on runQueue");
     ASSERT_EQ(2u, lines.size()) << trace.text();
-    EXPECT_TRUE(endsWith(lines[0], traceText("scheduleTaskDelayedPrivate", "Already on runQueue " + shown(*t))))
+    EXPECT_TRUE(endsWith(lines[0], traceLine(8, "scheduleTaskDelayedPrivate", "Already on runQueue " + shown(*t))))
         << lines[0];
   }
   EXPECT_TRUE(t->onRunQueue());
@@ -371,7 +378,7 @@ TEST(TimerTask, EndlessDelayIsStopTimerTask) {
       TraceCapture trace;
       endless(*t);
       const std::string line = trace.onlyLineWith("Timer stopped");
-      EXPECT_TRUE(endsWith(line, traceText("stopTimerTask", fmt::format("Timer stopped {}, was running",
+      EXPECT_TRUE(endsWith(line, traceLine(9, "stopTimerTask", fmt::format("Timer stopped {}, was running",
                                                                             shown(*t)))))
           << line;
     }
@@ -436,7 +443,7 @@ TEST(TimerTask, JitterUpWithZeroPercentDrawsARandomNumberAndSchedulesAfterExactl
     EXPECT_EQ(expectedSeed, *r->jitterSeed());
     expectExpiryAfter(seconds, 3.0, t->currentExpirationTime());
     const std::string line = trace.onlyLineWith("Timer jitterUp");
-    EXPECT_TRUE(endsWith(line, traceText("_scheduleTaskJitterUp",
+    EXPECT_TRUE(endsWith(line, traceLine(9, "_scheduleTaskJitterUp",
                                              fmt::format("Timer jitterUp {} delay 3 + 0 = 3", shown(*t)))))
         << line;
   }
@@ -469,7 +476,7 @@ TEST(TimerTask, JitterDownWithTheTopStepAndAHundredPercentSchedulesAtOnce) {
               ? fmt::format("Timer jitterDown {} delay 3 - 3 = 0", shown(*t))
               : fmt::format("Timer jitterDown {} delay {} - {} = {}", shown(*t), TaskTimeDuration(3000000000),
                             TaskTimeDuration(3000000000), TaskTimeDuration(0));
-      EXPECT_TRUE(endsWith(line, traceText("_scheduleTaskJitterDown", expected))) << line;
+      EXPECT_TRUE(endsWith(line, traceLine(9, "_scheduleTaskJitterDown", expected))) << line;
     }
     EXPECT_TRUE(t->onRunQueue());
     EXPECT_FALSE(t->timerRunning());
@@ -510,7 +517,7 @@ TEST(TimerTask, JitterOffsetIsAWholePercentageOfThePercentageOfTheDelay) {
   const std::vector<std::string> lines = trace.linesWith("Timer jitter");
   ASSERT_EQ(expected.size(), lines.size());
   for (std::size_t i = 0; i < lines.size(); ++i)
-    EXPECT_TRUE(endsWith(lines[i], expected[i])) << lines[i] << "\nexpected: " << expected[i];
+    EXPECT_EQ(traceLine(9, i % 2 == 0 ? "_scheduleTaskJitterUp" : "_scheduleTaskJitterDown", expected[i]), lines[i]);
   t->stopTimerTask();
 }
 
@@ -680,7 +687,7 @@ TEST(TimerTask, StopTimerTaskOnAnIdleTaskWritesNoHistoryEvent) {
     TraceCapture trace;
     t->stopTimerTask();
     const std::string line = trace.onlyLineWith("Timer stopped");
-    EXPECT_TRUE(endsWith(line, traceText("stopTimerTask", fmt::format("Timer stopped {}, was not running",
+    EXPECT_TRUE(endsWith(line, traceLine(9, "stopTimerTask", fmt::format("Timer stopped {}, was not running",
                                                                           shown(*t)))))
         << line;
   }

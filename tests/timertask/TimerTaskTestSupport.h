@@ -6,11 +6,14 @@
 
 #include "../root/RootTestSupport.h"
 
+#include <Kesto/DebugControl.h>
+#include <Kesto/Loco.h>
 #include <Kesto/TimerTask.h>
 #include <Kesto/TimerWheel.h>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 #include <functional>
 #include <limits>
@@ -63,11 +66,17 @@ inline Ptr<TestTimerTask> timerTaskIs(Ptr<TaskScheduler> s, const String& name, 
   return Ptr<TestTimerTask>(new TestTimerTask(std::move(s), p, name, std::move(body)));
 }
 
-// Turns on trace levels of the "TaskScheduler" handler and captures standard
-// error, where trace lines go without TRACEFILE, for the life of the object.
+// Turns on trace levels of the "TaskScheduler" handler, sets the line prefix
+// to handler name and level, and captures standard error, where trace lines
+// go without TRACEFILE, for the life of the object.
 class TraceCapture {
 public:
   explicit TraceCapture(std::initializer_list<unsigned short> levels = {8, 9}) {
+    using Ixo::DebugControl;
+    savedFormat_ = {DebugControl::showDate_,     DebugControl::showTime_,     DebugControl::showPid_,
+                    DebugControl::showTid_,      DebugControl::showHandleName_, DebugControl::showLevel_,
+                    DebugControl::showLineInfo_, DebugControl::showFuncName_};
+    Platform::setTraceFormat("handle,level");
     for (unsigned short level : levels) {
       if (!Debug::taskScheduler->enabled(level)) {
         Debug::taskScheduler->enabledIs(level, true);
@@ -88,6 +97,13 @@ public:
       capturing_ = false;
       for (unsigned short level : turnedOn_)
         Debug::taskScheduler->enabledIs(level, false);
+      using Ixo::DebugControl;
+      Platform::Loco::Guard guard;
+      bool* flags[] = {&DebugControl::showDate_,       &DebugControl::showTime_,  &DebugControl::showPid_,
+                       &DebugControl::showTid_,        &DebugControl::showHandleName_, &DebugControl::showLevel_,
+                       &DebugControl::showLineInfo_,   &DebugControl::showFuncName_};
+      for (std::size_t i = 0; i < savedFormat_.size(); ++i)
+        *flags[i] = savedFormat_[i];
     }
     return text_;
   }
@@ -120,6 +136,7 @@ public:
   }
 
 private:
+  std::array<bool, 8> savedFormat_;
   std::vector<unsigned short> turnedOn_;
   bool capturing_ = false;
   std::string text_;
