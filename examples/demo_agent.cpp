@@ -322,7 +322,7 @@ int main(int argc, char** argv) {
   for (const TaskImpl* t : std::initializer_list<const TaskImpl*>{feed.get(), cruncher.get(), heartbeat.get(),
                                                                   audit.get(), compactor.get()})
     printTask(t->getStats());
-  printTask(root->taskStatForTest(String("ingest:read")));
+  printTask(ingest->readTask()->getStats());
 
   fmt::print("\nMessages: {} sent, {} received, {} refused by a full socket, at most {} in flight at an audit, "
              "longest transit {:.6f} s\n",
