@@ -268,6 +268,7 @@ protected:
 
 private:
   friend class TaskImpl;
+  friend struct TaskSchedulerTestAccess;
   [[noreturn]] void failPriority(TaskPriority p) const;
 };
 
