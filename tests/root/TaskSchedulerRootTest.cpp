@@ -1,4 +1,5 @@
 #include "RootTestSupport.h"
+#include "../support/TaskSchedulerTestAccess.h"
 
 #include <Kesto/Core/System.h>
 #include <Kesto/Libevent.h>
@@ -67,14 +68,6 @@ std::string queueStatsText(const TaskSchedulerQueueStats& stats) {
                         line.totalRunCount);
   return text;
 }
-
-// Gives the root a running task without a run, to break an invariant.
-class RootAccess : public TaskSchedulerRoot {
-public:
-  static void currentlyRunningTaskIs(TaskSchedulerRoot& root, Ptr<TaskImpl> task) {
-    static_cast<RootAccess&>(root).currentlyRunningTask_ = std::move(task);
-  }
-};
 
 } // namespace
 
@@ -394,16 +387,16 @@ TEST(TaskSchedulerRoot, PreserveAnchorFailsIfTheNestedRunLeftATaskBehind) {
   Ptr<CountingRoot> r = CountingRoot::rootIs();
   Ptr<TestTask> outer = rootTaskIs(r, TaskPriority::normal, "outer");
   Ptr<TestTask> stray = rootTaskIs(r, TaskPriority::normal, "stray");
-  RootAccess::currentlyRunningTaskIs(*r, outer);
+  TaskSchedulerTestAccess::currentlyRunningTaskIs(*r, outer);
   std::string text = assertText([&] {
     TaskSchedulerRoot::PreserveCurrentlyRunningTaskAnchor anchor(*r);
     EXPECT_EQ(outer.get(), anchor.preserved().get());
     EXPECT_FALSE(r->currentlyRunningTask());
-    RootAccess::currentlyRunningTaskIs(*r, stray);
+    TaskSchedulerTestAccess::currentlyRunningTaskIs(*r, stray);
   });
   EXPECT_NE(std::string::npos, text.find(fmt::format("currentlyRunningTask_ is not NULL {}",
                                                      fmt::format("{}", DisplayPointer(stray.get())))));
-  RootAccess::currentlyRunningTaskIs(*r, nullptr);
+  TaskSchedulerTestAccess::currentlyRunningTaskIs(*r, nullptr);
   {
     TaskSchedulerRoot::PreserveCurrentlyRunningTaskAnchor anchor(*r);
   }
