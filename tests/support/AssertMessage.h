@@ -9,32 +9,55 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cctype>
 #include <string>
+#include <string_view>
 
 namespace KestoTest {
 
+// The index just past "path/File.cpp:<middle><digits>: " at the start of
+// `what` (the path has no colon and ends in .cpp or .h), or npos.
+inline std::size_t afterAssertLocation(std::string_view what, std::string_view middle) {
+  const std::size_t colon = what.find(':');
+  if (colon == std::string_view::npos)
+    return std::string_view::npos;
+  const std::string_view path = what.substr(0, colon);
+  const auto endsWith = [&](std::string_view tail) {
+    return path.size() > tail.size() && path.substr(path.size() - tail.size()) == tail;
+  };
+  if (!endsWith(".cpp") && !endsWith(".h"))
+    return std::string_view::npos;
+  std::size_t i = colon + 1;
+  if (what.substr(i, middle.size()) != middle)
+    return std::string_view::npos;
+  i += middle.size();
+  const std::size_t digits = i;
+  while (i < what.size() && std::isdigit(static_cast<unsigned char>(what[i])))
+    ++i;
+  if (i == digits || what.substr(i, 2) != ": ")
+    return std::string_view::npos;
+  return i + 2;
+}
+
 // What follows "file:line: " in an fmassert text: "Class::function() text".
 inline std::string assertMessage(const std::string& what) {
-  static const std::regex location(R"(^[^:]+\.(cpp|h):[0-9]+: )");
-  std::smatch match;
-  if (!std::regex_search(what, match, location)) {
+  const std::size_t start = afterAssertLocation(what, "");
+  if (start == std::string_view::npos) {
     ADD_FAILURE() << "no location in: " << what;
     return what;
   }
-  return what.substr(std::size_t(match.length(0)));
+  return what.substr(start);
 }
 
 // What follows "file:function:line: " in a debugAndAssert text, checking
 // that `function` raised it.
 inline std::string debugAssertMessage(const std::string& what, const std::string& function) {
-  const std::regex location("^[^:]+\\.(cpp|h):" + function + ":[0-9]+: ");
-  std::smatch match;
-  if (!std::regex_search(what, match, location)) {
+  const std::size_t start = afterAssertLocation(what, function + ":");
+  if (start == std::string_view::npos) {
     ADD_FAILURE() << "no location of " << function << " in: " << what;
     return what;
   }
-  return what.substr(std::size_t(match.length(0)));
+  return what.substr(start);
 }
 
 } // namespace KestoTest
