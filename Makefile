@@ -56,7 +56,7 @@ demo: build
 	$(BUILD_DIR)/examples/demo_agent
 	@echo
 	@echo "== The agent again, 50 ms of real loop and 2 virtual seconds, under TRACE=TaskScheduler/8 (first 40 lines):"
-	@TRACE=TaskScheduler/8 $(BUILD_DIR)/examples/demo_agent 0.05 2 | head -n 40
+	@TRACE=TaskScheduler/8 $(BUILD_DIR)/examples/demo_agent 0.05 2 2>&1 | head -n 40
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
