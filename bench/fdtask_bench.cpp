@@ -17,6 +17,8 @@
 //
 // Reported: msgs_per_s for each, and at the end the ratio of the best
 // TaskEcho and TaskEchoViaWriteTask rates to the best BareEcho rate.
+#include "../tests/support/SocketPair.h"
+
 #include <Kesto/FileDescriptorTask.h>
 #include <Kesto/Libevent.h>
 #include <Kesto/Platform.h>
@@ -36,6 +38,7 @@
 #include <stdexcept>
 
 using namespace Kesto;
+using Kesto::PlatformTest::SocketPair;
 
 namespace {
 
@@ -46,23 +49,6 @@ constexpr std::size_t messageSize = 64;
 double bestBare = 0.0;
 double bestTask = 0.0;
 double bestTaskViaWrite = 0.0;
-
-class SocketPair {
-public:
-  SocketPair() {
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds_) != 0)
-      throw std::runtime_error("socketpair failed");
-  }
-  ~SocketPair() {
-    ::close(fds_[0]);
-    ::close(fds_[1]);
-  }
-  int ours() const { return fds_[0]; }
-  int peer() const { return fds_[1]; }
-
-private:
-  int fds_[2];
-};
 
 // The other end: sends a numbered message, expects it back whole, sends the
 // next, breaks the loop after the last.
