@@ -72,14 +72,21 @@ const String& TaskSchedulerHistory::Event::eventIdentifier() const {
   return identifier;
 }
 
-TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity)
-    : slots_(capacity, Event(TaskTimeStamp{}, TaskSchedulerEventType(0u), String())) {}
+namespace {
+// `capacity` slots, each holding a blank event until one is written there.
+std::vector<TaskSchedulerHistory::Event, Allocator<TaskSchedulerHistory::Event>> blankSlots(unsigned capacity) {
+  using Event = TaskSchedulerHistory::Event;
+  return std::vector<Event, Allocator<Event>>(capacity, Event(TaskTimeStamp{}, TaskSchedulerEventType(0u), String()));
+}
+} // namespace
+
+TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity) : slots_(blankSlots(capacity)) {}
 
 void TaskSchedulerHistory::historyEntryCountIs(unsigned capacity) {
   if (capacity == slots_.size())
     return;
   // The newest events that fit, newest first from slot 0.
-  std::vector<Event, Allocator<Event>> slots(capacity, Event(TaskTimeStamp{}, TaskSchedulerEventType(0u), String()));
+  auto slots = blankSlots(capacity);
   const unsigned kept = size_ < capacity ? size_ : capacity;
   for (unsigned i = 0; i < kept; ++i)
     slots[i] = (*this)[i];
