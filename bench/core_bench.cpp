@@ -11,7 +11,7 @@
 #include <Kesto/Core/String.h>
 #include <Kesto/Core/ThreadControl.h>
 
-#include "MallocCounter.h"
+#include <KestoSupport/MallocCounter.h>
 
 #include <benchmark/benchmark.h>
 
@@ -29,9 +29,9 @@ using Kesto::String;
 class AllocationCheck {
 public:
   AllocationCheck(benchmark::State& state, bool mustNotAllocate)
-      : state_(state), mustNotAllocate_(mustNotAllocate), start_(KestoBench::mallocCalls) {}
+      : state_(state), mustNotAllocate_(mustNotAllocate), start_(KestoSupport::mallocCalls()) {}
   ~AllocationCheck() {
-    const unsigned long made = KestoBench::mallocCalls - start_;
+    const unsigned long made = KestoSupport::mallocCalls() - start_;
     const double iterations = state_.iterations() ? double(state_.iterations()) : 1.0;
     state_.counters["allocs/iter"] = double(made) / iterations;
     if (mustNotAllocate_ && made != 0)

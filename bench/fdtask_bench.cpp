@@ -17,12 +17,12 @@
 //
 // Reported: msgs_per_s for each, and at the end the ratio of the best
 // TaskEcho and TaskEchoViaWriteTask rates to the best BareEcho rate.
-#include "../tests/support/SocketPair.h"
+#include <KestoSupport/SocketPair.h>
 
-#include <Kesto/FileDescriptorTask.h>
-#include <Kesto/Libevent.h>
-#include <Kesto/Platform.h>
-#include <Kesto/TaskSchedulerRoot.h>
+#include <Kesto/Scheduler/FileDescriptorTask.h>
+#include <Kesto/Platform/Libevent.h>
+#include <Kesto/Platform/Platform.h>
+#include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
 #include <benchmark/benchmark.h>
 #include <event2/event.h>

@@ -6,8 +6,8 @@
 // (precise monotonic clock, no time cache, two priorities, libevent's
 // locking on), which isolates what the platform adds on top of libevent, and
 // on a default base, which shows what that configuration costs.
-#include <Kesto/LibeventControls.h>
-#include <Kesto/Platform.h>
+#include <Kesto/Platform/LibeventControls.h>
+#include <Kesto/Platform/Platform.h>
 
 #include <benchmark/benchmark.h>
 

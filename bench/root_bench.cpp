@@ -17,10 +17,10 @@
 // also report, from an untimed run of at least 20,000 passes, the
 // scheduler's clock readings and the history events per pass (each task's
 // first and last run add a busy and an idle event).
-#include <Kesto/Libevent.h>
-#include <Kesto/Platform.h>
-#include <Kesto/Task.h>
-#include <Kesto/TaskSchedulerRoot.h>
+#include <Kesto/Platform/Libevent.h>
+#include <Kesto/Platform/Platform.h>
+#include <Kesto/Scheduler/Task.h>
+#include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
 #include <benchmark/benchmark.h>
 #include <event2/event.h>

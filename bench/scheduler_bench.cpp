@@ -10,7 +10,7 @@
 //    dependence on N alone: it must stay flat.
 //
 // Counters: sizeof(Task) and sizeof(TaskSchedulerHistory::Event).
-#include "../tests/scheduler/TestScheduler.h"
+#include <KestoSupport/TestScheduler.h>
 
 #include <benchmark/benchmark.h>
 

@@ -11,15 +11,15 @@
 //
 // Every benchmark checks its result (the runs all happened, the timers are
 // where they should be) and counts the heap allocations of its timed loop.
-#include <Kesto/Platform.h>
-#include <Kesto/TaskSchedulerRoot.h>
-#include <Kesto/TimerTask.h>
+#include <Kesto/Platform/Platform.h>
+#include <Kesto/Scheduler/TaskSchedulerRoot.h>
+#include <Kesto/Scheduler/TimerTask.h>
 
 #include <benchmark/benchmark.h>
 
 #include <vector>
 
-#include "MallocCounter.h"
+#include <KestoSupport/MallocCounter.h>
 
 using namespace Kesto;
 
@@ -80,10 +80,10 @@ void TimerTaskRearmJitter(benchmark::State& state) {
     for (auto& t : tasks)
       t->start(runsEach - 1);
     expected += U64(taskCount) * runsEach;
-    const unsigned long before = KestoBench::mallocCalls;
+    const unsigned long before = KestoSupport::mallocCalls();
     // Long enough in virtual time for every re-arm: 3 runs of at most 2.4 s.
     Platform::doEventLoop(10.0);
-    allocations += KestoBench::mallocCalls - before;
+    allocations += KestoSupport::mallocCalls() - before;
     if (runs != expected) {
       state.SkipWithError("not every timer task ran");
       break;
@@ -104,12 +104,12 @@ void TimerTaskStartStop(benchmark::State& state) {
   keeper->scheduleTaskDelay(3600.0);
   t->scheduleTaskDelay(5.0);
   t->stopTimerTask();
-  const unsigned long before = KestoBench::mallocCalls;
+  const unsigned long before = KestoSupport::mallocCalls();
   for (auto _ : state) {
     t->scheduleTaskDelay(5.0);
     t->stopTimerTask();
   }
-  const unsigned long allocations = KestoBench::mallocCalls - before;
+  const unsigned long allocations = KestoSupport::mallocCalls() - before;
   if (t->timerRunning() || root->timerRunningCount() != 1 || t->runs != 0)
     state.SkipWithError("timer state wrong after start and stop");
   if (allocations != 0)
@@ -124,12 +124,12 @@ void TimerTaskChangeDelay(benchmark::State& state) {
   Ptr<IdleTimerTask> t(new IdleTimerTask(root, TaskPriority::normal, "change"));
   t->scheduleTaskDelay(5.0);
   bool flip = false;
-  const unsigned long before = KestoBench::mallocCalls;
+  const unsigned long before = KestoSupport::mallocCalls();
   for (auto _ : state) {
     t->scheduleTaskDelay(flip ? 5.0 : 6.0);
     flip = !flip;
   }
-  const unsigned long allocations = KestoBench::mallocCalls - before;
+  const unsigned long allocations = KestoSupport::mallocCalls() - before;
   const double remaining = t->timerRemaining();
   if (!t->timerRunning() || root->timerRunningCount() != 1 || !(remaining > 4.0 && remaining <= 6.0))
     state.SkipWithError("timer not running where it was moved");

@@ -17,14 +17,13 @@
 // realloc are counted (operator new goes through malloc), and such a loop
 // fails when the count moves. sizeof of the objects involved is printed
 // before the benchmarks run.
-#include <Kesto/Libevent.h>
-#include <Kesto/Platform.h>
-#include <Kesto/Time.h>
-#include <Kesto/TimerWheel.h>
-#include <Kesto/TimerWheel/TimerWheelTimerControl.h>
-#include <Kesto/TimerWheelEvent.h>
+#include <Kesto/Platform/Libevent.h>
+#include <Kesto/Platform/Platform.h>
+#include <Kesto/Platform/Time.h>
+#include <Kesto/TimerWheel/TimerWheel.h>
+#include <Kesto/TimerWheel/TimerWheelEvent.h>
 
-#include "MallocCounter.h"
+#include <KestoSupport/MallocCounter.h>
 
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
@@ -90,9 +89,9 @@ double threadCpuSeconds() {
 // Fails the benchmark if the timed loop called malloc.
 class NoAllocation {
 public:
-  explicit NoAllocation(benchmark::State& state) : state_(state), start_(KestoBench::mallocCalls) {}
+  explicit NoAllocation(benchmark::State& state) : state_(state), start_(KestoSupport::mallocCalls()) {}
   ~NoAllocation() {
-    const unsigned long made = KestoBench::mallocCalls - start_;
+    const unsigned long made = KestoSupport::mallocCalls() - start_;
     state_.counters["mallocs"] = double(made);
     if (made != 0)
       state_.SkipWithError("a start or stop allocated");
@@ -268,9 +267,8 @@ BENCHMARK(Fire<BareSide>)->Name("Fire200ms/libevent")->UseManualTime()->Iteratio
 } // namespace
 
 int main(int argc, char** argv) {
-  std::printf("sizeof(TimerWheelEvent) = %zu (struct timeout %zu), sizeof(TimerWheelTimerControl) = %zu, "
-              "sizeof(struct event) = %zu\n",
-              sizeof(TimerWheelEvent), sizeof(struct timeout), sizeof(Kesto::TimerWheelTimerControl), sizeof(event));
+  std::printf("sizeof(TimerWheelEvent) = %zu, sizeof(struct event) = %zu\n", sizeof(TimerWheelEvent),
+              sizeof(event));
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv))
     return 1;

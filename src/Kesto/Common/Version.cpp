@@ -1,4 +1,4 @@
-#include <Kesto/Version.h>
+#include <Kesto/Common/Version.h>
 
 namespace Kesto {
 const char* eventKestoVersion() noexcept { return EVENTKESTO_VERSION_STRING; }

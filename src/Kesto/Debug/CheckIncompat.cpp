@@ -1,4 +1,4 @@
-#include <Kesto/Trace.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <dlfcn.h>
 

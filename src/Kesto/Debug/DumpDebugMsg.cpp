@@ -1,8 +1,8 @@
 #include <Kesto/Core/System.h>
-#include <Kesto/Debug/TraceFile.h>
-#include <Kesto/DebugControl.h>
-#include <Kesto/Loco.h>
-#include <Kesto/Trace.h>
+#include "Debug/TraceFile.h"
+#include <Kesto/Debug/DebugControl.h>
+#include <Kesto/Debug/Loco.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <sys/time.h>
 #include <unistd.h>

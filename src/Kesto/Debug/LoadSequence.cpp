@@ -13,9 +13,9 @@
 //     core library's hooks, then the built-in trace defaults, TRACE,
 //     the default trace format and TRACEFORMAT.
 #include <Kesto/Core/Hooks.h>
-#include <Kesto/Debug/TerminateHandler.h>
-#include <Kesto/Time.h>
-#include <Kesto/Trace.h>
+#include "Debug/TerminateHandler.h"
+#include <Kesto/Platform/Time.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <ios>
 

@@ -1,4 +1,4 @@
-#include <Kesto/Loco.h>
+#include <Kesto/Debug/Loco.h>
 
 namespace Kesto::Platform {
 

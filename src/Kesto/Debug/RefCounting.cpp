@@ -1,5 +1,5 @@
-#include <Kesto/RefCounting.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Debug/RefCounting.h>
+#include <Kesto/Debug/Trace.h>
 
 namespace Kesto::Platform {
 

@@ -1,7 +1,7 @@
 #include <Kesto/Core/Backtrace.h>
 #include <Kesto/Core/Exception.h>
 #include <Kesto/Core/System.h>
-#include <Kesto/Debug/TerminateHandler.h>
+#include "Debug/TerminateHandler.h"
 
 #include <cxxabi.h>
 

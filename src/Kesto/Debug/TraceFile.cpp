@@ -1,5 +1,5 @@
-#include <Kesto/Debug/TraceFile.h>
-#include <Kesto/Loco.h>
+#include "Debug/TraceFile.h"
+#include <Kesto/Debug/Loco.h>
 
 #include <cstdlib>
 #include <fstream>

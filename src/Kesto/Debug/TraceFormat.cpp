@@ -1,6 +1,6 @@
-#include <Kesto/DebugControl.h>
-#include <Kesto/Loco.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Debug/DebugControl.h>
+#include <Kesto/Debug/Loco.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
-#include <Kesto/Debug/TraceFile.h>
-#include <Kesto/DebugControl.h>
-#include <Kesto/DebugHandler.h>
+#include "Debug/TraceFile.h"
+#include <Kesto/Debug/DebugControl.h>
+#include <Kesto/Debug/DebugHandler.h>
 
 #include <cstdlib>
 #include <cstring>

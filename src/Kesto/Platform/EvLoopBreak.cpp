@@ -1,6 +1,6 @@
-#include <Kesto/Platform/EvLoopBreak.h>
-#include <Kesto/Platform/LibeventBase.h>
-#include <Kesto/Trace.h>
+#include "Platform/EvLoopBreak.h"
+#include "Platform/LibeventBase.h"
+#include <Kesto/Debug/Trace.h>
 
 namespace Kesto {
 

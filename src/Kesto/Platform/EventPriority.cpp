@@ -1,4 +1,4 @@
-#include <Kesto/PlatformEventPriority.h>
+#include <Kesto/Platform/PlatformEventPriority.h>
 
 #include <fmt/format.h>
 

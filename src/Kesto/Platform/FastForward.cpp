@@ -1,12 +1,11 @@
 // Fast forward: instead of sleeping until the next timer, the loop moves the
 // thread's virtual clock and every pending timeout of its base forward by the
 // same amount, so Kesto::time() and libevent's timeouts stay in step.
-#include <Kesto/LibeventExtensions.h>
-#include <Kesto/Platform.h>
-#include <Kesto/Platform/EvLoopBreak.h>
-#include <Kesto/Platform/LibeventExtensionsImpl.h>
-#include <Kesto/Platform/VirtualTimeOffset.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Platform/LibeventExtensions.h>
+#include <Kesto/Platform/Platform.h>
+#include "Platform/EvLoopBreak.h"
+#include "Platform/LibeventExtensionsImpl.h"
+#include <Kesto/Debug/Trace.h>
 
 #include <unordered_set>
 
@@ -52,7 +51,7 @@ void leRegisterFastForwardChangeNotifier(void (*notifier)()) { fastForwardChange
 
 void applyFastForwardDelta(const timeval* delta) {
   event_base_timeout_subtract_offset(ev_base, delta);
-  timeval& offset = Platform::Impl::virtualTimeOffset;
+  timeval& offset = virtualTimeOffset;
   offset.tv_sec += delta->tv_sec;
   offset.tv_usec += delta->tv_usec;
   if (offset.tv_usec > 999999) {

@@ -1,10 +1,10 @@
 // The thread's event base: creation, registration, release, fork, and the
 // hooks that turn libevent's logging and fatal errors into traces and
 // assertions.
-#include <Kesto/Platform/LibeventBase.h>
+#include "Platform/LibeventBase.h"
 
 #include <Kesto/Core/System.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <event2/event.h>
 #include <event2/thread.h>

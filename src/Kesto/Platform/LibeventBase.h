@@ -2,7 +2,7 @@
 #pragma once
 
 #include <Kesto/Core/Publisher.h>
-#include <Kesto/Libevent.h>
+#include <Kesto/Platform/Libevent.h>
 
 #include <event2/event.h>
 #include <event2/event_struct.h>

@@ -15,8 +15,8 @@
 //
 // event_base_foreach_event holds the base's lock and forbids touching events
 // from its callback, so the callback only records pointers.
-#include <Kesto/LibeventExtensions.h>
-#include <Kesto/Platform/LibeventExtensionsImpl.h>
+#include <Kesto/Platform/LibeventExtensions.h>
+#include "Platform/LibeventExtensionsImpl.h"
 
 #include <event2/event.h>
 #include <event2/event_struct.h>

@@ -1,7 +1,7 @@
 // The workers behind the libevent extensions, for the backend's own use.
 #pragma once
 
-#include <Kesto/Platform/LibeventBase.h>
+#include "Platform/LibeventBase.h"
 
 #include <event2/event.h>
 #include <event2/event_struct.h>

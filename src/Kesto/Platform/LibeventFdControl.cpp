@@ -1,6 +1,6 @@
-#include <Kesto/LibeventControls.h>
-#include <Kesto/Platform/LibeventBase.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Platform/LibeventControls.h>
+#include "Platform/LibeventBase.h"
+#include <Kesto/Debug/Trace.h>
 
 #include <fcntl.h>
 

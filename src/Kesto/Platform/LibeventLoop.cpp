@@ -1,9 +1,9 @@
 // The loop functions of the libevent backend and the default wait.
-#include <Kesto/Loco.h>
-#include <Kesto/Platform/EvLoopBreak.h>
-#include <Kesto/Platform/LibeventBase.h>
-#include <Kesto/Time.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Debug/Loco.h>
+#include "Platform/EvLoopBreak.h"
+#include "Platform/LibeventBase.h"
+#include <Kesto/Platform/Time.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <cerrno>
 #include <cstdio>

@@ -1,6 +1,6 @@
-#include <Kesto/LibeventControls.h>
-#include <Kesto/Platform/LibeventExtensionsImpl.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Platform/LibeventControls.h>
+#include "Platform/LibeventExtensionsImpl.h"
+#include <Kesto/Debug/Trace.h>
 
 #include <ZuSlab/Allocator.h>
 

@@ -1,6 +1,6 @@
 // The Platform:: entry points of the libevent backend.
-#include <Kesto/LibeventControls.h>
-#include <Kesto/Platform.h>
+#include <Kesto/Platform/LibeventControls.h>
+#include <Kesto/Platform/Platform.h>
 
 namespace Kesto::Platform {
 

@@ -1,16 +1,14 @@
-#include <Kesto/Platform/VirtualTimeOffset.h>
-#include <Kesto/Time.h>
+#include <Kesto/Platform/Libevent.h>
+#include <Kesto/Platform/Time.h>
 
 #include <ctime>
 
 namespace Kesto {
 
-namespace Platform::Impl {
 __thread timeval virtualTimeOffset __attribute__((tls_model("initial-exec"))) = {0, 0};
-} // namespace Platform::Impl
 
 double leVirtualTimeOffset() noexcept {
-  const timeval& offset = Platform::Impl::virtualTimeOffset;
+  const timeval& offset = virtualTimeOffset;
   return double(offset.tv_usec) / 1e6 + double(offset.tv_sec);
 }
 

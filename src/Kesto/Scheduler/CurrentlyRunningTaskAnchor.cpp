@@ -1,8 +1,8 @@
 // The currently-running anchor and the process-wide bookkeeping of running
 // critical tasks.
-#include <Kesto/DebugHandler.h>
-#include <Kesto/TaskScheduler.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Debug/DebugHandler.h>
+#include <Kesto/Scheduler/TaskScheduler.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <mutex>
 

@@ -1,7 +1,7 @@
-#include <Kesto/FileDescriptorTask.h>
-#include <Kesto/Platform.h>
-#include <Kesto/TaskScheduler.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/FileDescriptorTask.h>
+#include <Kesto/Platform/Platform.h>
+#include <Kesto/Scheduler/TaskScheduler.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <ZuSlab/ZuSlab.h>
 

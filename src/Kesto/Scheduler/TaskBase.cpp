@@ -1,6 +1,6 @@
-#include <Kesto/TaskBase.h>
-#include <Kesto/TaskScheduler.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/TaskBase.h>
+#include <Kesto/Scheduler/TaskScheduler.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <ostream>
 

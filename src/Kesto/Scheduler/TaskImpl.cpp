@@ -1,8 +1,8 @@
-#include <Kesto/Task.h>
-#include <Kesto/TaskImpl.h>
-#include <Kesto/TaskScheduler.h>
-#include <Kesto/Time.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/Task.h>
+#include <Kesto/Scheduler/TaskImpl.h>
+#include <Kesto/Scheduler/TaskScheduler.h>
+#include <Kesto/Platform/Time.h>
+#include <Kesto/Debug/Trace.h>
 
 namespace Kesto {
 

@@ -1,5 +1,5 @@
-#include <Kesto/TaskPriority.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/TaskPriority.h>
+#include <Kesto/Debug/Trace.h>
 
 namespace Kesto {
 

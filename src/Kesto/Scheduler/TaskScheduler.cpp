@@ -1,5 +1,5 @@
-#include <Kesto/TaskScheduler.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/TaskScheduler.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <algorithm>
 #include <locale>

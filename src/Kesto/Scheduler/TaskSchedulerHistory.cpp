@@ -1,7 +1,7 @@
-#include <Kesto/TaskBase.h>
-#include <Kesto/TaskScheduler.h>
-#include <Kesto/TaskSchedulerHistory.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/TaskBase.h>
+#include <Kesto/Scheduler/TaskScheduler.h>
+#include <Kesto/Scheduler/TaskSchedulerHistory.h>
+#include <Kesto/Debug/Trace.h>
 
 namespace Kesto {
 

@@ -1,9 +1,9 @@
-#include <Kesto/TaskSchedulerRoot.h>
+#include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
 #include <Kesto/Core/System.h>
-#include <Kesto/Platform.h>
-#include <Kesto/TimerWheel.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Platform/Platform.h>
+#include <Kesto/TimerWheel/TimerWheel.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <fmt/format.h>
 

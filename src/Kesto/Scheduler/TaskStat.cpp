@@ -1,6 +1,6 @@
-#include <Kesto/TaskSchedulerQueueStats.h>
-#include <Kesto/TaskStat.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/TaskSchedulerQueueStats.h>
+#include <Kesto/Scheduler/TaskStat.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <algorithm>
 #include <cctype>

@@ -1,5 +1,5 @@
-#include <Kesto/TaskTypes.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/TaskTypes.h>
+#include <Kesto/Debug/Trace.h>
 
 namespace Kesto {
 

@@ -1,10 +1,10 @@
-#include <Kesto/TimerTask.h>
+#include <Kesto/Scheduler/TimerTask.h>
 
-#include <Kesto/TaskScheduler.h>
-#include <Kesto/TaskSchedulerRoot.h>
-#include <Kesto/Time.h>
-#include <Kesto/TimerWheel.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Scheduler/TaskScheduler.h>
+#include <Kesto/Scheduler/TaskSchedulerRoot.h>
+#include <Kesto/Platform/Time.h>
+#include <Kesto/TimerWheel/TimerWheel.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <cstdlib>
 #include <limits>

@@ -1,9 +1,9 @@
-#include <Kesto/TimerWheel.h>
+#include <Kesto/TimerWheel/TimerWheel.h>
 
 #include <Kesto/Core/System.h>
-#include <Kesto/Platform.h>
-#include <Kesto/TimerWheel/TimerWheelClock.h>
-#include <Kesto/Trace.h>
+#include <Kesto/Platform/Platform.h>
+#include "TimerWheel/TimerWheelClock.h"
+#include <Kesto/Debug/Trace.h>
 
 #include <limits>
 

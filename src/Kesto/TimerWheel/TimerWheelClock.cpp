@@ -1,6 +1,6 @@
-#include <Kesto/TimerWheel/TimerWheelClock.h>
+#include "TimerWheel/TimerWheelClock.h"
 
-#include <Kesto/Trace.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <cmath>
 

@@ -9,8 +9,8 @@
 #pragma once
 
 #include <Kesto/Core/Types.h>
-#include <Kesto/Time.h>
-#include <Kesto/TimerWheel.h>
+#include <Kesto/Platform/Time.h>
+#include <Kesto/TimerWheel/TimerWheel.h>
 
 #include <limits>
 

@@ -1,7 +1,7 @@
-#include <Kesto/TimerWheel.h>
-#include <Kesto/TimerWheel/TimerWheelClock.h>
-#include <Kesto/TimerWheelEvent.h>
-#include <Kesto/Trace.h>
+#include <Kesto/TimerWheel/TimerWheel.h>
+#include "TimerWheel/TimerWheelClock.h"
+#include <Kesto/TimerWheel/TimerWheelEvent.h>
+#include <Kesto/Debug/Trace.h>
 
 #include <limits>
 

@@ -1,5 +1,5 @@
-#include <Kesto/TimerWheelState.h>
-#include <Kesto/Trace.h>
+#include <Kesto/TimerWheel/TimerWheelState.h>
+#include <Kesto/Debug/Trace.h>
 
 namespace Kesto {
 

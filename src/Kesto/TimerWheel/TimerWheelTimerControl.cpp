@@ -1,6 +1,6 @@
-#include <Kesto/TimerWheel/TimerWheelTimerControl.h>
+#include "TimerWheel/TimerWheelTimerControl.h"
 
-#include <Kesto/Trace.h>
+#include <Kesto/Debug/Trace.h>
 
 namespace Kesto {
 

@@ -8,9 +8,9 @@
 // assertion.
 #pragma once
 
-#include <Kesto/PlatformControls.h>
-#include <Kesto/TimerWheel.h>
-#include <Kesto/TimerWheelEvent.h>
+#include <Kesto/Platform/PlatformControls.h>
+#include <Kesto/TimerWheel/TimerWheel.h>
+#include <Kesto/TimerWheel/TimerWheelEvent.h>
 
 #include <memory>
 

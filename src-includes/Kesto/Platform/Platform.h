@@ -1,0 +1,53 @@
+// The event platform: factories of controls, the event loop, fast forward.
+//
+// Every function here works on the calling thread's event base and creates
+// it when missing: each thread that uses the platform has its own base and
+// there is no wake-up from one thread to another. Controls made by these
+// factories belong to the calling thread.
+//
+// Further factory overloads (controls served by a task of a scheduler, timers
+// on a timer wheel) are declared beside their implementations.
+#pragma once
+
+#include <Kesto/Core/Ptr.h>
+#include <Kesto/Platform/PlatformControls.h>
+#include <Kesto/Platform/PlatformEventPriority.h>
+#include <Kesto/Platform/PlatformHandlers.h>
+
+namespace Kesto::Platform {
+
+// ---- factories: each returns a new control holding one reference ------
+// A libevent timer at eventPriorityDefault.
+Ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
+// A libevent timer at the given priority.
+Ptr<TimerControl> getTimerControl(TimeoutHandler* handler, EventPriority priority);
+// A deferred callback: a zero-delay libevent timer at eventPriorityDefault.
+Ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
+// A libevent descriptor watch; read interest on, write interest off.
+Ptr<FdControl> getFdControl(FdEventHandler* handler);
+
+// ---- the event loop ----------------------------------------------------
+// Dispatches until nothing is left to wait for or the loop is broken.
+void doEventLoop();
+// Dispatches for `timeout` seconds and returns.
+void doEventLoop(double timeout);
+// One bounded turn, waiting at most `maxTimeout` seconds, for a caller that
+// polls a condition. Holds Platform::Loco around the wait.
+void doEventLoopInWaitfor(double maxTimeout);
+
+// ---- virtual time --------------------------------------------------------
+// With fast forward on, the loop does not sleep until the next timer: it
+// moves the thread's virtual clock (Kesto::time()) and every pending timeout
+// of its base forward to that timer and fires it at once.
+bool fastForward();
+// Switches the mode; main thread only (asserts elsewhere, even for a call
+// that changes nothing). A change calls every registered notifier.
+void setFastForward(bool on);
+// Moves the calling thread's virtual time, and its pending timeouts, forward
+// by `seconds`. Asserts when the mode is off.
+void fastForwardBy(double seconds);
+// Adds a function to call on the main thread whenever the mode changes; a
+// function registered twice is held once.
+void registerFastForwardChangeNotifier(void (*notifier)());
+
+} // namespace Kesto::Platform

@@ -1,0 +1,31 @@
+// Per-priority queue figures of a scheduler, as reports show them.
+//
+// TaskSchedulerPriorityStats is one line (one priority); TaskSchedulerQueueStats
+// maps each priority to its line, in priority order. Both are plain values
+// built by TaskScheduler::queueStats() and summed over schedulers with +=.
+#pragma once
+
+#include <Kesto/Scheduler/TaskPriority.h>
+
+#include <map>
+
+namespace Kesto {
+
+struct TaskSchedulerPriorityStats {
+  TaskPriority priority;
+  U32 runnableTasks = 0;
+  U32 idleTasks = 0;
+  U64 completedTasks = 0;
+  U64 totalRunCount = 0;
+
+  // Adds the four counts; the priorities must be equal.
+  TaskSchedulerPriorityStats& operator+=(const TaskSchedulerPriorityStats& other);
+};
+
+class TaskSchedulerQueueStats : public std::map<TaskPriority, TaskSchedulerPriorityStats> {
+public:
+  // Entries of a priority present in both are added, others are copied in.
+  TaskSchedulerQueueStats& operator+=(const TaskSchedulerQueueStats& other);
+};
+
+} // namespace Kesto

@@ -1,0 +1,22 @@
+// Friend of TaskScheduler for tests: sets the internal state behind the
+// invariant checks that no sequence of public calls can break, such as a
+// counter about to wrap or a running task left behind by a nested run.
+// Each setter writes one field; a test puts back what it changed before its
+// objects go, so that their destructors find a consistent scheduler.
+#pragma once
+
+#include <Kesto/Scheduler/TaskScheduler.h>
+
+namespace Kesto {
+
+struct TaskSchedulerTestAccess {
+  static void tasksPerPriorityIs(TaskScheduler& s, TaskPriority p, U32 count) { s.tasksPerPriority_[p] = count; }
+  static void completedTasksPerPriorityIs(TaskScheduler& s, TaskPriority p, U64 count) {
+    s.completedTasksPerPriority_[p] = count;
+  }
+  static void currentlyRunningTaskIs(TaskScheduler& s, Ptr<TaskImpl> task) {
+    s.currentlyRunningTask_ = std::move(task);
+  }
+};
+
+} // namespace Kesto

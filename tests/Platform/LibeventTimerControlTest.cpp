@@ -1,0 +1,219 @@
+#include <KestoSupport/PlatformTestSupport.h>
+
+#include <Kesto/Core/Publisher.h>
+#include <Kesto/Platform/LibeventControls.h>
+#include <Kesto/Platform/Time.h>
+
+#include <ZuSlab/ZuSlab.h>
+
+#include <limits>
+#include <vector>
+
+namespace Kesto {
+namespace {
+
+using PlatformTest::HandlerError;
+using PlatformTest::TestTimeoutHandler;
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+TEST(LibeventTimerControl, FactoryMakesALibeventTimerAtDefaultPriority) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  auto* le = dynamic_cast<LibeventTimerControl*>(timer.get());
+  ASSERT_NE(nullptr, le);
+  EXPECT_EQ(Platform::eventPriorityDefault, le->priority());
+  EXPECT_EQ(1u, timer->refCount());
+}
+
+TEST(LibeventTimerControl, FactoryTakesAPriority) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler, Platform::eventPriorityStrictHigh);
+  auto* le = dynamic_cast<LibeventTimerControl*>(timer.get());
+  ASSERT_NE(nullptr, le);
+  EXPECT_EQ(Platform::eventPriorityStrictHigh, le->priority());
+}
+
+TEST(LibeventTimerControl, ComesFromTheSlabAllocator) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  EXPECT_TRUE(ZuSlab::slabOwns(timer.get()));
+}
+
+TEST(LibeventTimerControl, ZeroTimeoutReachesTheHandlerThroughTheLoop) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  EXPECT_EQ(0, handler.timeouts);
+  Platform::doEventLoop();
+  EXPECT_EQ(1, handler.timeouts);
+  EXPECT_EQ(infinity, timer->remainingTimeout());
+}
+
+TEST(LibeventTimerControl, UnarmedTimerHasInfiniteRemainingTime) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  EXPECT_EQ(infinity, timer->remainingTimeout());
+  timer->delTimeout(); // no effect on an unarmed timer
+  EXPECT_EQ(infinity, timer->remainingTimeout());
+}
+
+TEST(LibeventTimerControl, RemainingTimeCountsFromTheArming) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  const double before = time();
+  timer->setTimeout(10.0);
+  const double remaining = timer->remainingTimeout();
+  const double elapsed = time() - before;
+  EXPECT_LE(remaining, 10.0 + PlatformTest::baseClockSlack());
+  EXPECT_GE(remaining, 10.0 - elapsed - 1e-6);
+  timer->delTimeout();
+  EXPECT_EQ(infinity, timer->remainingTimeout());
+}
+
+TEST(LibeventTimerControl, RemainingTimeIsZeroOnceDueButNotDelivered) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  EXPECT_EQ(0.0, timer->remainingTimeout());
+  Platform::doEventLoop();
+  EXPECT_EQ(1, handler.timeouts);
+}
+
+TEST(LibeventTimerControl, SetTimeoutReplacesTheArmedExpiry) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(3600.0);
+  timer->setTimeout(0.0);
+  Platform::doEventLoop(0.0);
+  EXPECT_EQ(1, handler.timeouts);
+  // Nothing is left of the hour-long expiry.
+  EXPECT_EQ(infinity, timer->remainingTimeout());
+}
+
+TEST(LibeventTimerControl, StrictHighTimerRunsBeforeDefaultOnesDueTogether) {
+  std::vector<int> order;
+  TestTimeoutHandler normal;
+  TestTimeoutHandler urgent;
+  normal.onTimeout = [&] { order.push_back(1); };
+  urgent.onTimeout = [&] { order.push_back(0); };
+  Ptr<Platform::TimerControl> normalTimer = Platform::getTimerControl(&normal);
+  Ptr<Platform::TimerControl> urgentTimer = Platform::getTimerControl(&urgent, Platform::eventPriorityStrictHigh);
+  normalTimer->setTimeout(0.0);
+  urgentTimer->setTimeout(0.0);
+  Platform::doEventLoop();
+  EXPECT_EQ((std::vector<int>{0, 1}), order);
+}
+
+TEST(LibeventTimerControl, HandlerThatKeepsDefaultExceptionHandlingLetsTheExceptionReachTheLoopCaller) {
+  struct Throwing : Platform::TimeoutHandler {
+    void timeout() override { throw HandlerError("timer failed"); }
+  } handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  EXPECT_THROW(Platform::doEventLoop(), HandlerError);
+}
+
+TEST(LibeventTimerControl, ExceptionRefusedByTheHandlerReachesTheLoopCaller) {
+  TestTimeoutHandler handler;
+  handler.onTimeout = [] { throw HandlerError("refused"); };
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  try {
+    Platform::doEventLoop();
+    ADD_FAILURE() << "no exception";
+  } catch (const HandlerError& e) {
+    EXPECT_STREQ("refused", e.what());
+  }
+  EXPECT_EQ(1, handler.exceptionsOffered);
+}
+
+TEST(LibeventTimerControl, ExceptionHandledByTheHandlerIsDropped) {
+  TestTimeoutHandler handler;
+  handler.swallow = true;
+  handler.onTimeout = [] { throw HandlerError("handled"); };
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  EXPECT_NO_THROW(Platform::doEventLoop());
+  EXPECT_EQ(1, handler.timeouts);
+  EXPECT_EQ(1, handler.exceptionsOffered);
+}
+
+TEST(LibeventTimerControl, TheCurrentExceptionIsAvailableToTheHandler) {
+  struct Inspecting : Platform::TimeoutHandler {
+    void timeout() override { throw HandlerError("look at me"); }
+    bool handleTimeoutException() override {
+      try {
+        throw;
+      } catch (const HandlerError& e) {
+        seen = e.what();
+      }
+      return true;
+    }
+    std::string seen;
+  } handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  Platform::doEventLoop();
+  EXPECT_EQ("look at me", handler.seen);
+}
+
+TEST(LibeventTimerControl, LoopStaysUsableAfterAnExceptionReachedItsCaller) {
+  TestTimeoutHandler failing;
+  failing.onTimeout = [] { throw HandlerError("once"); };
+  TestTimeoutHandler fine;
+  Ptr<Platform::TimerControl> failingTimer = Platform::getTimerControl(&failing);
+  failingTimer->setTimeout(0.0);
+  EXPECT_THROW(Platform::doEventLoop(), HandlerError);
+  Ptr<Platform::TimerControl> fineTimer = Platform::getTimerControl(&fine);
+  fineTimer->setTimeout(0.0);
+  Platform::doEventLoop();
+  EXPECT_EQ(1, fine.timeouts);
+}
+
+TEST(LibeventTimerControl, DeferredOperationsRunAfterAHandlerThatReturned) {
+  TestTimeoutHandler handler;
+  int ran = 0;
+  int timeoutsWhenRan = -1;
+  handler.onTimeout = [&] {
+    Publisher::deferOp([&] {
+      ++ran;
+      timeoutsWhenRan = handler.timeouts;
+    });
+    EXPECT_EQ(0, ran);
+  };
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  Platform::doEventLoop();
+  EXPECT_EQ(1, ran);
+  EXPECT_EQ(1, timeoutsWhenRan);
+}
+
+TEST(LibeventTimerControl, DeferredOperationsAreSkippedWhenTheHandlerThrows) {
+  TestTimeoutHandler handler;
+  int ran = 0;
+  handler.onTimeout = [&] {
+    Publisher::deferOp([&] { ++ran; });
+    throw HandlerError("skip");
+  };
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  EXPECT_THROW(Platform::doEventLoop(), HandlerError);
+  EXPECT_EQ(0, ran);
+  EXPECT_EQ(1u, Publisher::deferredOpCount());
+  Publisher::runDeferredOps();
+  EXPECT_EQ(1, ran);
+}
+
+TEST(LibeventTimerControl, HandlerMayDropItsOwnControl) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  handler.onTimeout = [&] { timer = nullptr; };
+  timer->setTimeout(0.0);
+  Platform::doEventLoop();
+  EXPECT_EQ(1, handler.timeouts);
+  EXPECT_EQ(nullptr, timer.get());
+}
+
+} // namespace
+} // namespace Kesto
