@@ -17,7 +17,16 @@ function(kesto_add_library target)
     OUTPUT_NAME ${ARG_OUTPUT}
     VERSION ${PROJECT_VERSION}
     SOVERSION ${KESTO_SOVERSION}
-    EXPORT_NAME ${target})
+    EXPORT_NAME ${target}
+    # Only what a public header marks with the library's export macro is
+    # exported; everything else binds inside the library.
+    C_VISIBILITY_PRESET hidden
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    # Installed side by side, the libraries find each other where they are:
+    # a program that names only libEventKesto's folder in its run path (or
+    # none, when the folder is a system one) loads the whole family.
+    INSTALL_RPATH "$ORIGIN")
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${ARG_INCLUDE}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)

@@ -2,6 +2,7 @@
 // A test checks that every exported header is listed here.
 #pragma once
 
+#include <Kesto/Common/Export.h>
 #include <Kesto/Common/Version.h>
 #include <Kesto/Debug/DebugControl.h>
 #include <Kesto/Debug/DebugHandler.h>

@@ -31,7 +31,9 @@ run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/cmake-build -G ${GENERATO
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 
-set(ENV{LD_LIBRARY_PATH} ${prefix}/lib)
+# No LD_LIBRARY_PATH: the programs find libEventKesto through their run path
+# and the libraries find each other through theirs ($ORIGIN).
+unset(ENV{LD_LIBRARY_PATH})
 set(ENV{TRACE} "Consumer/3")
 set(ENV{TRACEFORMAT} "handle,level")
 unset(ENV{TRACEFILE})
@@ -49,7 +51,7 @@ set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
 run(${PKG_CONFIG} --cflags --libs eventkesto)
 string(STRIP "${last_out}" flags)
 separate_arguments(flags UNIX_COMMAND "${flags}")
-run(c++ -std=c++20 ${CONSUMER_DIR}/consumer.cpp -o ${WORK_DIR}/consumer-pc ${flags})
+run(c++ -std=c++20 ${CONSUMER_DIR}/consumer.cpp -o ${WORK_DIR}/consumer-pc ${flags} -Wl,-rpath,${prefix}/lib)
 run(${WORK_DIR}/consumer-pc)
 if(NOT last_err MATCHES "Consumer 3 main\\(\\) hello from outside 42")
   message(FATAL_ERROR "unexpected trace from the pkg-config consumer:\n${last_err}")

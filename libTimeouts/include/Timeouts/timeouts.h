@@ -38,6 +38,12 @@
  */
 #pragma once
 
+/* The library is built with hidden visibility; what carries TIMEOUTS_EXPORT
+ * is its interface. */
+#ifndef TIMEOUTS_EXPORT
+#define TIMEOUTS_EXPORT __attribute__((visibility("default")))
+#endif
+
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -81,61 +87,61 @@ struct timeout {
 };
 
 /* Clears the object and stores `flags` unchanged. Returns `to`. */
-struct timeout *timeout_init(struct timeout *to, int flags);
+TIMEOUTS_EXPORT struct timeout *timeout_init(struct timeout *to, int flags);
 
 /* A new empty set at tick 0 with `hz` ticks per second. On failure returns
  * null; `*error` (if `error` is not null) gets 0 or an errno value: EINVAL
  * for a rate of 0, ENOMEM. */
-struct timeouts *timeouts_open(timeout_t hz, int *error);
+TIMEOUTS_EXPORT struct timeouts *timeouts_open(timeout_t hz, int *error);
 
 /* Frees the set. Timeouts still linked to it are left with a dangling
  * `pending`: the caller deletes them first if it still looks at them. */
-void timeouts_close(struct timeouts *T);
+TIMEOUTS_EXPORT void timeouts_close(struct timeouts *T);
 
 /* The rate given to timeouts_open(). */
-timeout_t timeouts_hz(const struct timeouts *T);
+TIMEOUTS_EXPORT timeout_t timeouts_hz(const struct timeouts *T);
 
 /* The current tick. */
-abstime_t timeouts_now(const struct timeouts *T);
+TIMEOUTS_EXPORT abstime_t timeouts_now(const struct timeouts *T);
 
 /* Makes `now` the current tick and moves every timeout due at or before it
  * to the expired list. A tick at or before the current one changes
  * nothing: the clock of a set never goes back. */
-void timeouts_update(struct timeouts *T, abstime_t now);
+TIMEOUTS_EXPORT void timeouts_update(struct timeouts *T, abstime_t now);
 
 /* Links `to` to expire at `tick` (absolute with TIMEOUT_ABS, else counted
  * from the current tick, saturating). A timeout that is already pending is
  * unlinked first. A tick at or before the current one puts it at the tail
  * of the expired list. Constant time. */
-void timeouts_add(struct timeouts *T, struct timeout *to, timeout_t tick);
+TIMEOUTS_EXPORT void timeouts_add(struct timeouts *T, struct timeout *to, timeout_t tick);
 
 /* Unlinks `to` from the wheel or the expired list; no effect if it is on
  * neither (pending is null). Constant time. Must not be given a timeout
  * that the caller has put on a list of its own. */
-void timeouts_del(struct timeouts *T, struct timeout *to);
+TIMEOUTS_EXPORT void timeouts_del(struct timeouts *T, struct timeout *to);
 
 /* Unlinks and returns the first expired timeout with `pending` null, or
  * null if the expired list is empty. */
-struct timeout *timeouts_get(struct timeouts *T);
+TIMEOUTS_EXPORT struct timeout *timeouts_get(struct timeouts *T);
 
 /* True if the expired list holds something. */
-bool timeouts_expired(const struct timeouts *T);
+TIMEOUTS_EXPORT bool timeouts_expired(const struct timeouts *T);
 
 /* True if the wheel proper (not counting the expired list) holds
  * something. */
-bool timeouts_pending(const struct timeouts *T);
+TIMEOUTS_EXPORT bool timeouts_pending(const struct timeouts *T);
 
 /* Ticks from the current tick to the next expiry: 0 if the expired list
  * holds something, TIMEOUTS_NONE if nothing is pending at all. Never more
  * than the true distance; for a timeout more than 63 ticks ahead it may be
  * less (the start of the range of ticks that holds it), so a caller that
  * sleeps for this long may wake early, update, and ask again. */
-timeout_t timeouts_timeout(const struct timeouts *T);
+TIMEOUTS_EXPORT timeout_t timeouts_timeout(const struct timeouts *T);
 
 /* Checks every internal invariant (links, level and slot of every pending
  * timeout, occupancy bitmaps, order of the expired list). For tests; cost
  * linear in the number of timeouts. */
-bool timeouts_check(const struct timeouts *T);
+TIMEOUTS_EXPORT bool timeouts_check(const struct timeouts *T);
 
 /* ---- the list discipline, for lists of the caller's own ---------------- */
 

@@ -19,6 +19,8 @@
 // under Platform::Loco; call sites read `*levelsPtr` without it.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/String.h>
 #include <Kesto/Debug/DebugHandler.h>
 
@@ -28,7 +30,7 @@
 
 namespace Kesto::Ixo {
 
-class DebugHandler : public Platform::DebugHandler {
+class KESTO_EXPORT DebugHandler : public Platform::DebugHandler {
 public:
   using HandlerMap = std::multimap<String, DebugHandler*, std::less<String>>;
 
@@ -55,7 +57,7 @@ public:
   static HandlerMap* handlerMap_;
 };
 
-class DebugControl {
+class KESTO_EXPORT DebugControl {
 public:
   using SpecificMap = std::unordered_map<String, DebugControl*>;
   using WildcardMap = std::map<String, DebugControl*, std::greater<String>>;

@@ -6,6 +6,8 @@
 // handler's mask up to date eagerly, so no look-up happens on a trace.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Core/String.h>
 
@@ -14,12 +16,12 @@
 namespace Kesto::Platform {
 
 // A string stream for composing a message; floating point precision 12.
-class DebugStream : public std::stringstream {
+class KESTO_EXPORT DebugStream : public std::stringstream {
 public:
   DebugStream() { precision(12); }
 };
 
-class DebugHandler : public RefCount<HTCnt> {
+class KESTO_EXPORT DebugHandler : public RefCount<HTCnt> {
 public:
   explicit DebugHandler(const String& handlerName, unsigned short initialLevels = 0,
                         unsigned short* levelsPointer = nullptr, bool independent = false)
@@ -43,22 +45,22 @@ public:
 
 // The handler of the given name, new on every call and controlled like every
 // handler of that name. A trailing `*` is warned about and dropped.
-Ptr<DebugHandler> getDebugHandler(const String& name, bool flag = false);
+KESTO_EXPORT Ptr<DebugHandler> getDebugHandler(const String& name, bool flag = false);
 
 // Applies TRACEFILE, then `spec` (or TRACE when null) with set semantics.
-void setupKestoDebug(const char* spec);
+KESTO_EXPORT void setupKestoDebug(const char* spec);
 // Takes the levels of `spec` away; null does nothing.
-void clearKestoDebug(const char* spec);
+KESTO_EXPORT void clearKestoDebug(const char* spec);
 // Prints every control and handler on standard output.
-void dumpKestoDebugMap();
-void destroyDebugHandler(DebugHandler* handler);
+KESTO_EXPORT void dumpKestoDebugMap();
+KESTO_EXPORT void destroyDebugHandler(DebugHandler* handler);
 
 } // namespace Kesto::Platform
 
 namespace Kesto {
 
 // What an object that traces holds: one counted handler.
-class Debuggable {
+class KESTO_EXPORT Debuggable {
 public:
   Debuggable() = default;
   Debuggable(const Debuggable&) = default;

@@ -10,11 +10,13 @@
 // initialisers and destructors of any library may take it in any order.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Locking.h>
 
 namespace Kesto::Platform {
 
-class Loco {
+class KESTO_EXPORT Loco {
 public:
   Loco() = delete;
 

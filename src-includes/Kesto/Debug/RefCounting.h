@@ -4,9 +4,11 @@
 // instead of silently doing nothing. Both assert.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 namespace Kesto::Platform {
 
-[[noreturn]] void refCountingEnabledIs(bool enabled);
-[[noreturn]] bool refCountingEnabled();
+[[noreturn]] KESTO_EXPORT void refCountingEnabledIs(bool enabled);
+[[noreturn]] KESTO_EXPORT bool refCountingEnabled();
 
 } // namespace Kesto::Platform

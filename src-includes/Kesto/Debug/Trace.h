@@ -11,6 +11,8 @@
 //   KESTO_THROW(handler, "Kesto::Util", "open of {} failed: {}", path, err);
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Exception.h>
 #include <Kesto/Debug/DebugHandler.h>
 
@@ -25,28 +27,28 @@ namespace Kesto {
 // ---- the library's own handlers ---------------------------------------
 // Created at load (initialisation priority 60000), alive until process exit.
 namespace Debug {
-extern Ptr<Platform::DebugHandler> kestoUtil;
-extern Ptr<Platform::DebugHandler> kestoTimerWheel;
-extern Ptr<Platform::DebugHandler> taskScheduler;
-extern Ptr<Platform::DebugHandler> kestoPlugin;
-extern Ptr<Platform::DebugHandler> kestoLibevent;
-extern Ptr<Platform::DebugHandler> kestoIntrusiveHashMap;
-extern Ptr<Platform::DebugHandler> assertHandler;
+extern KESTO_EXPORT Ptr<Platform::DebugHandler> kestoUtil;
+extern KESTO_EXPORT Ptr<Platform::DebugHandler> kestoTimerWheel;
+extern KESTO_EXPORT Ptr<Platform::DebugHandler> taskScheduler;
+extern KESTO_EXPORT Ptr<Platform::DebugHandler> kestoPlugin;
+extern KESTO_EXPORT Ptr<Platform::DebugHandler> kestoLibevent;
+extern KESTO_EXPORT Ptr<Platform::DebugHandler> kestoIntrusiveHashMap;
+extern KESTO_EXPORT Ptr<Platform::DebugHandler> assertHandler;
 } // namespace Debug
 
 // ---- out-of-line workers ----------------------------------------------
 namespace Impl {
 // The trace machinery may not throw: an exception inside it ends the process.
-String vtracestr(bool withLocation, const char* className, const char* file, const char* function, int line,
+KESTO_EXPORT String vtracestr(bool withLocation, const char* className, const char* file, const char* function, int line,
                  fmt::string_view format, fmt::format_args args) noexcept;
-void vfmtrace(const Platform::DebugHandler& handler, unsigned short level, const char* className,
+KESTO_EXPORT void vfmtrace(const Platform::DebugHandler& handler, unsigned short level, const char* className,
               const char* file, const char* function, int line, fmt::string_view format,
               fmt::format_args args) noexcept;
-[[noreturn]] void vfmassert(const Platform::DebugHandler& handler, const char* className, const char* file,
+[[noreturn]] KESTO_EXPORT void vfmassert(const Platform::DebugHandler& handler, const char* className, const char* file,
                             const char* function, int line, fmt::string_view format, fmt::format_args args);
-[[noreturn]] void vfmassert(const char* className, const char* file, const char* function, int line,
+[[noreturn]] KESTO_EXPORT void vfmassert(const char* className, const char* file, const char* function, int line,
                             fmt::string_view format, fmt::format_args args);
-String vfmthrow(const Platform::DebugHandler& handler, unsigned short level, const char* className,
+KESTO_EXPORT String vfmthrow(const Platform::DebugHandler& handler, unsigned short level, const char* className,
                 const char* file, const char* function, int line, fmt::string_view format,
                 fmt::format_args args) noexcept;
 
@@ -89,49 +91,49 @@ String vfmthrow(const Handler& handler, unsigned short level, const char* classN
                         fmt::make_format_args(args...));
 }
 
-[[noreturn]] void debugAndAssert(Platform::DebugHandler& handler, Platform::DebugStream& stream, const char* file,
+[[noreturn]] KESTO_EXPORT void debugAndAssert(Platform::DebugHandler& handler, Platform::DebugStream& stream, const char* file,
                                  const char* function, int line);
-[[noreturn]] void debugAndAssert(Platform::DebugStream& stream, const char* file, const char* function, int line);
+[[noreturn]] KESTO_EXPORT void debugAndAssert(Platform::DebugStream& stream, const char* file, const char* function, int line);
 
-void forceTraceOnAssertIs(bool force);
-bool forceTraceOnAssert();
+KESTO_EXPORT void forceTraceOnAssertIs(bool force);
+KESTO_EXPORT bool forceTraceOnAssert();
 
 // Refuses a process into which an incompatible library was loaded. Runs as
 // the library's first constructor.
-void checkIncompat();
+KESTO_EXPORT void checkIncompat();
 
 // ---- trace output -----------------------------------------------------
 namespace Platform {
 // Applies a TRACEFORMAT text (null: the environment's, if set).
-void setTraceFormat(const char* format);
-void clearTraceFormat();
-void printAllTraceFormat();
+KESTO_EXPORT void setTraceFormat(const char* format);
+KESTO_EXPORT void clearTraceFormat();
+KESTO_EXPORT void printAllTraceFormat();
 // Writes one line: the prefix chosen by the format, the text, a newline.
-void dumpDebugMsg(const std::string_view& text, unsigned short level, const DebugHandler& handler,
+KESTO_EXPORT void dumpDebugMsg(const std::string_view& text, unsigned short level, const DebugHandler& handler,
                   const char* file, const char* function, int line) noexcept;
 } // namespace Platform
 
 // ---- values in messages -----------------------------------------------
 // A pointer written as "NULL" or 0x and 16 hexadecimal digits.
-struct DisplayPointer {
+struct KESTO_EXPORT DisplayPointer {
   const void* pointer;
   explicit DisplayPointer(const void* p) noexcept : pointer(p) {}
 };
 
 // One integer, cut not rounded, and a unit: ns, µs, ms, s or min.
-String durationToString(std::chrono::nanoseconds duration);
-String durationToString(std::chrono::duration<int32_t, std::milli> duration);
+KESTO_EXPORT String durationToString(std::chrono::nanoseconds duration);
+KESTO_EXPORT String durationToString(std::chrono::duration<int32_t, std::milli> duration);
 
 // The same text on a stream, for code of this namespace (it is preferred to
 // the standard library's own output of durations there).
-std::ostream& operator<<(std::ostream& os, std::chrono::nanoseconds duration);
+KESTO_EXPORT std::ostream& operator<<(std::ostream& os, std::chrono::nanoseconds duration);
 
 } // namespace Kesto
 
 extern "C" {
 // The value 2 marks this library; another value means a foreign library
 // defined the symbol first.
-extern int32_t platformLibPresenceFlag;
+extern KESTO_EXPORT int32_t platformLibPresenceFlag;
 }
 
 template <>

@@ -19,6 +19,8 @@
 // handle...Exception() first (see Kesto/Platform/PlatformHandlers.h).
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Platform/Libevent.h>
 #include <Kesto/Platform/Platform.h>
 
@@ -28,7 +30,7 @@
 
 namespace Kesto {
 
-class LibeventTimerControl : public Platform::TimerControl {
+class KESTO_EXPORT LibeventTimerControl : public Platform::TimerControl {
 public:
   LibeventTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority);
   ~LibeventTimerControl() override;
@@ -56,7 +58,7 @@ protected:
   struct event event_;
 };
 
-class LibeventCallbackControl final : public Platform::CallbackControl {
+class KESTO_EXPORT LibeventCallbackControl final : public Platform::CallbackControl {
 public:
   explicit LibeventCallbackControl(Platform::CallbackHandler* handler);
   ~LibeventCallbackControl() override;
@@ -83,7 +85,7 @@ private:
   Backend backend_;
 };
 
-class LibeventFdControl final : public Platform::FdControl {
+class KESTO_EXPORT LibeventFdControl final : public Platform::FdControl {
 public:
   explicit LibeventFdControl(Platform::FdEventHandler* handler);
   ~LibeventFdControl() override;
@@ -119,9 +121,9 @@ private:
   struct event writeEvent_;
 };
 
-Ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler);
-Ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority);
-Ptr<Platform::CallbackControl> getLeCallbackControl(Platform::CallbackHandler* handler);
-Ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler);
+KESTO_EXPORT Ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler);
+KESTO_EXPORT Ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority);
+KESTO_EXPORT Ptr<Platform::CallbackControl> getLeCallbackControl(Platform::CallbackHandler* handler);
+KESTO_EXPORT Ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler);
 
 } // namespace Kesto

@@ -13,6 +13,8 @@
 // event_base_foreach_event callbacks.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <sys/time.h>
 
 struct event_base;
@@ -25,12 +27,12 @@ extern "C" {
 // CLOCK_MONOTONIC by up to one tick: a timeout that comes out due on
 // CLOCK_MONOTONIC is moved by that lag more, so that the base sees it due
 // too. Returns 0 (-1 for a null base).
-int event_base_timeout_subtract_offset(event_base* base, const timeval* offset);
+KESTO_EXPORT int event_base_timeout_subtract_offset(event_base* base, const timeval* offset);
 
 // 0 with `first` set to the absolute expiry of the earliest pending timeout,
 // in the clock that event_pending() reports expiries in; -1 when no timeout
 // is pending (or the base is null). libevent's own internal events are not
 // timeouts of the base in this sense.
-int event_base_get_first_timeout(event_base* base, timeval* first);
+KESTO_EXPORT int event_base_get_first_timeout(event_base* base, timeval* first);
 
 } // extern "C"

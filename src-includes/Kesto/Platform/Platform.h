@@ -9,6 +9,8 @@
 // on a timer wheel) are declared beside their implementations.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Platform/PlatformControls.h>
 #include <Kesto/Platform/PlatformEventPriority.h>
@@ -18,36 +20,36 @@ namespace Kesto::Platform {
 
 // ---- factories: each returns a new control holding one reference ------
 // A libevent timer at eventPriorityDefault.
-Ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
+KESTO_EXPORT Ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
 // A libevent timer at the given priority.
-Ptr<TimerControl> getTimerControl(TimeoutHandler* handler, EventPriority priority);
+KESTO_EXPORT Ptr<TimerControl> getTimerControl(TimeoutHandler* handler, EventPriority priority);
 // A deferred callback: a zero-delay libevent timer at eventPriorityDefault.
-Ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
+KESTO_EXPORT Ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
 // A libevent descriptor watch; read interest on, write interest off.
-Ptr<FdControl> getFdControl(FdEventHandler* handler);
+KESTO_EXPORT Ptr<FdControl> getFdControl(FdEventHandler* handler);
 
 // ---- the event loop ----------------------------------------------------
 // Dispatches until nothing is left to wait for or the loop is broken.
-void doEventLoop();
+KESTO_EXPORT void doEventLoop();
 // Dispatches for `timeout` seconds and returns.
-void doEventLoop(double timeout);
+KESTO_EXPORT void doEventLoop(double timeout);
 // One bounded turn, waiting at most `maxTimeout` seconds, for a caller that
 // polls a condition. Holds Platform::Loco around the wait.
-void doEventLoopInWaitfor(double maxTimeout);
+KESTO_EXPORT void doEventLoopInWaitfor(double maxTimeout);
 
 // ---- virtual time --------------------------------------------------------
 // With fast forward on, the loop does not sleep until the next timer: it
 // moves the thread's virtual clock (Kesto::time()) and every pending timeout
 // of its base forward to that timer and fires it at once.
-bool fastForward();
+KESTO_EXPORT bool fastForward();
 // Switches the mode; main thread only (asserts elsewhere, even for a call
 // that changes nothing). A change calls every registered notifier.
-void setFastForward(bool on);
+KESTO_EXPORT void setFastForward(bool on);
 // Moves the calling thread's virtual time, and its pending timeouts, forward
 // by `seconds`. Asserts when the mode is off.
-void fastForwardBy(double seconds);
+KESTO_EXPORT void fastForwardBy(double seconds);
 // Adds a function to call on the main thread whenever the mode changes; a
 // function registered twice is held once.
-void registerFastForwardChangeNotifier(void (*notifier)());
+KESTO_EXPORT void registerFastForwardChangeNotifier(void (*notifier)());
 
 } // namespace Kesto::Platform

@@ -30,13 +30,15 @@
 //    have any, so by default it does nothing.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Core/String.h>
 #include <Kesto/Platform/PlatformHandlers.h>
 
 namespace Kesto::Platform {
 
-class TimerControl : public RefCount<HTCnt> {
+class KESTO_EXPORT TimerControl : public RefCount<HTCnt> {
 public:
   explicit TimerControl(TimeoutHandler* handler) noexcept : handler_(handler) {}
   TimerControl(const TimerControl&) = delete;
@@ -53,7 +55,7 @@ protected:
   TimeoutHandler* handler_;
 };
 
-class CallbackControl : public RefCount<HTCnt> {
+class KESTO_EXPORT CallbackControl : public RefCount<HTCnt> {
 public:
   explicit CallbackControl(CallbackHandler* handler) noexcept : handler_(handler) {}
   CallbackControl(const CallbackControl&) = delete;
@@ -70,7 +72,7 @@ protected:
   CallbackHandler* handler_;
 };
 
-class FdControl : public RefCount<HTCnt> {
+class KESTO_EXPORT FdControl : public RefCount<HTCnt> {
 public:
   explicit FdControl(FdEventHandler* handler) noexcept : handler_(handler) {}
   FdControl(const FdControl&) = delete;

@@ -6,6 +6,8 @@
 // timer of the scheduler's timer wheel); everything else runs at the default.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/String.h>
 #include <Kesto/Core/Types.h>
 
@@ -22,7 +24,7 @@ enum EventPriority : U8 {
 // written as "Invalid EventPriority={}" with the value put through the
 // formatter below, which is this function again: the recursion is kept on
 // purpose, since no valid value ever reaches it.
-String toString(EventPriority priority);
+KESTO_EXPORT String toString(EventPriority priority);
 
 } // namespace Kesto::Platform
 

@@ -13,23 +13,25 @@
 // consult all three; the task-backed controls consult handleFdException only.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 namespace Kesto::Platform {
 
-class TimeoutHandler {
+class KESTO_EXPORT TimeoutHandler {
 public:
   virtual ~TimeoutHandler() = default;
   virtual void timeout() = 0;
   virtual bool handleTimeoutException() { return false; }
 };
 
-class CallbackHandler {
+class KESTO_EXPORT CallbackHandler {
 public:
   virtual ~CallbackHandler() = default;
   virtual void callback() = 0;
   virtual bool handleCallbackException() { return false; }
 };
 
-class FdEventHandler {
+class KESTO_EXPORT FdEventHandler {
 public:
   virtual ~FdEventHandler() = default;
   virtual void readFdEvent(int fd) = 0;

@@ -6,11 +6,13 @@
 // clock, so a jump of virtual time is seen by all of them alike.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 namespace Kesto {
 
 // Seconds, monotonic, virtual time included.
 using Time = double;
 
-Time time() noexcept;
+KESTO_EXPORT Time time() noexcept;
 
 } // namespace Kesto

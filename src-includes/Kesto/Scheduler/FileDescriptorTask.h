@@ -52,6 +52,8 @@
 // task operations they forward to.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Platform/PlatformControls.h>
 #include <Kesto/Platform/PlatformHandlers.h>
 #include <Kesto/Scheduler/Task.h>
@@ -61,7 +63,7 @@
 
 namespace Kesto {
 
-class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
+class KESTO_EXPORT FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 public:
   // A real task of the scheduler serving one direction of its owner.
   class ReadWriteTaskBase : public Task {

@@ -15,11 +15,13 @@
 // class brings its own operator delete (see _TaskBase).
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Scheduler/TaskImpl.h>
 
 namespace Kesto {
 
-class Task : public TaskImpl {
+class KESTO_EXPORT Task : public TaskImpl {
 public:
   Task(Ptr<TaskScheduler> scheduler, TaskPriority priority, const String& name);
   // Takes a reference on `scheduler` for the length of the call.

@@ -15,6 +15,8 @@
 // Thread: the thread of the scheduler's root, always.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Core/String.h>
 #include <Kesto/Scheduler/TaskPriority.h>
@@ -32,7 +34,7 @@ namespace Kesto {
 
 class TaskScheduler;
 
-class _TaskBase : public RefCount<HTCnt> {
+class KESTO_EXPORT _TaskBase : public RefCount<HTCnt> {
 public:
   _TaskBase(const _TaskBase&) = delete;
   _TaskBase& operator=(const _TaskBase&) = delete;
@@ -80,7 +82,7 @@ protected:
 };
 
 // "scheduler:priority:name@0x...".
-std::ostream& operator<<(std::ostream& os, const _TaskBase* task);
+KESTO_EXPORT std::ostream& operator<<(std::ostream& os, const _TaskBase* task);
 
 } // namespace Kesto
 

@@ -20,6 +20,8 @@
 // Thread: the thread of the scheduler's root; every queue operation checks it.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 
 #include <Kesto/Scheduler/TaskBase.h>
@@ -30,7 +32,7 @@
 
 namespace Kesto {
 
-class TaskImpl : public _TaskBase {
+class KESTO_EXPORT TaskImpl : public _TaskBase {
 public:
   static constexpr U32 taskMagicNumberConstructed = 1119771390u; // 0x42BE5AFE
   static constexpr U32 taskMagicNumberDestroyed = 0xDEADDEADu;

@@ -9,6 +9,8 @@
 // oneCharString() of a value that cannot be short (never, in practice).
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/String.h>
 #include <Kesto/Core/Types.h>
 
@@ -16,7 +18,7 @@
 
 namespace Kesto {
 
-class TaskPriority {
+class KESTO_EXPORT TaskPriority {
 public:
   enum Value : U8 {
     critical = 0,
@@ -51,7 +53,7 @@ private:
 
 static_assert(sizeof(TaskPriority) == 1, "a priority is one byte in task layouts");
 
-class TaskGroupPriorityEnforcement {
+class KESTO_EXPORT TaskGroupPriorityEnforcement {
 public:
   enum Value : U8 {
     sameAsGroupPriority = 0,

@@ -31,6 +31,8 @@
 // Thread: the root's thread. Nothing here is locked.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 
 #include <Kesto/Core/Ptr.h>
@@ -57,7 +59,7 @@ namespace Kesto {
 
 class TaskSchedulerRoot;
 
-class TaskScheduler : public RefCount<HTCnt> {
+class KESTO_EXPORT TaskScheduler : public RefCount<HTCnt> {
 public:
   static constexpr TaskDurationMs defaultTaskQuantumInitial{20};
   static constexpr unsigned priorityCount = TaskPriority::oneBeyondLast;
@@ -273,16 +275,16 @@ private:
 };
 
 // "name:".
-std::ostream& operator<<(std::ostream& os, const TaskScheduler& scheduler);
+KESTO_EXPORT std::ostream& operator<<(std::ostream& os, const TaskScheduler& scheduler);
 
 // The running-critical bookkeeping, shared by all threads of the process.
 // Set while some thread runs a critical task; other code may call it before
 // an operation that a critical task must not perform.
-extern void (*assertNotRunningCriticalTaskFn)();
+extern KESTO_EXPORT void (*assertNotRunningCriticalTaskFn)();
 // Fails if the calling thread is running a critical task.
-void doAssertNotRunningCriticalTask();
+KESTO_EXPORT void doAssertNotRunningCriticalTask();
 // Number of critical tasks running in the process now.
-unsigned runningCriticalTaskCount();
+KESTO_EXPORT unsigned runningCriticalTaskCount();
 
 } // namespace Kesto
 

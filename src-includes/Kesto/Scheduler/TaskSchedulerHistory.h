@@ -11,6 +11,8 @@
 // checks that property, because the ring outlives the tasks it names.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Core/String.h>
 #include <Kesto/Scheduler/TaskTypes.h>
@@ -27,7 +29,7 @@ namespace Kesto {
 class _TaskBase;
 class TaskScheduler;
 
-class TaskSchedulerEventType {
+class KESTO_EXPORT TaskSchedulerEventType {
 public:
   enum Value : U8 {
     // Events of a task.
@@ -80,7 +82,7 @@ private:
   Value value_ = schedule;
 };
 
-class TaskSchedulerHistory : public RefCount<HTCnt> {
+class KESTO_EXPORT TaskSchedulerHistory : public RefCount<HTCnt> {
 public:
   class Event {
   public:
@@ -174,7 +176,7 @@ private:
 };
 
 // Walks the events newest first; random access, as over an array.
-class TaskSchedulerHistory::const_iterator {
+class KESTO_EXPORT TaskSchedulerHistory::const_iterator {
 public:
   using iterator_category = std::random_access_iterator_tag;
   using value_type = Event;

@@ -5,13 +5,15 @@
 // built by TaskScheduler::queueStats() and summed over schedulers with +=.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Scheduler/TaskPriority.h>
 
 #include <map>
 
 namespace Kesto {
 
-struct TaskSchedulerPriorityStats {
+struct KESTO_EXPORT TaskSchedulerPriorityStats {
   TaskPriority priority;
   U32 runnableTasks = 0;
   U32 idleTasks = 0;
@@ -22,7 +24,7 @@ struct TaskSchedulerPriorityStats {
   TaskSchedulerPriorityStats& operator+=(const TaskSchedulerPriorityStats& other);
 };
 
-class TaskSchedulerQueueStats : public std::map<TaskPriority, TaskSchedulerPriorityStats> {
+class KESTO_EXPORT TaskSchedulerQueueStats : public std::map<TaskPriority, TaskSchedulerPriorityStats> {
 public:
   // Entries of a priority present in both are added, others are copied in.
   TaskSchedulerQueueStats& operator+=(const TaskSchedulerQueueStats& other);

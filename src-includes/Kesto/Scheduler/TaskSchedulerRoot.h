@@ -29,6 +29,8 @@
 // and a run request allocate nothing.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Core/String.h>
 #include <Kesto/Core/Types.h>
@@ -52,9 +54,9 @@ class TimerWheel;
 // Non-zero switches the thread check off for every root. Nothing in this
 // library raises it: programs whose helper threads touch a root under their
 // own serialisation do. Read without a lock.
-extern U32 auxThreadCount;
+extern KESTO_EXPORT U32 auxThreadCount;
 
-class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler {
+class KESTO_EXPORT TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler {
 public:
   using Schedulers =
       std::unordered_set<TaskScheduler*, std::hash<TaskScheduler*>, std::equal_to<TaskScheduler*>,
@@ -185,8 +187,8 @@ private:
 // The calling thread's shared root, made at first use: "main" on the main
 // thread, "thread:<tid>" on others. Released at thread exit unless something
 // else holds it.
-Ptr<TaskSchedulerRoot> schedulerRootKesto();
+KESTO_EXPORT Ptr<TaskSchedulerRoot> schedulerRootKesto();
 // A root of its own for the calling thread.
-Ptr<TaskSchedulerRoot> schedulerRootKestoNonShared(const String& name);
+KESTO_EXPORT Ptr<TaskSchedulerRoot> schedulerRootKestoNonShared(const String& name);
 
 } // namespace Kesto

@@ -10,12 +10,14 @@
 // zeros, and the two work high-water marks at "no value" (all ones).
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Scheduler/TaskPriority.h>
 #include <Kesto/Scheduler/TaskTypes.h>
 
 namespace Kesto {
 
-class TaskStat {
+class KESTO_EXPORT TaskStat {
 public:
   // What a task is doing, as a set of 8 bits.
   class TaskStatus {

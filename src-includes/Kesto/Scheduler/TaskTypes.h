@@ -14,6 +14,8 @@
 // latencies are exact; without one the cost is a load and a predicted branch.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/String.h>
 #include <Kesto/Core/Types.h>
 #include <Kesto/Platform/Time.h>
@@ -35,7 +37,7 @@ static_assert(std::is_signed_v<TaskTimeDuration::rep>);
 
 namespace Impl {
 using TaskClockFn = TaskTimeStamp (*)() noexcept;
-extern TaskClockFn taskClockFn;
+extern KESTO_EXPORT TaskClockFn taskClockFn;
 } // namespace Impl
 
 // The steady clock, or the clock a test installed.
@@ -46,10 +48,10 @@ inline TaskTimeStamp taskClockNow() noexcept {
 }
 
 // Installs a replacement clock (null restores the steady clock). For tests.
-void taskClockFnIs(Impl::TaskClockFn fn) noexcept;
+KESTO_EXPORT void taskClockFnIs(Impl::TaskClockFn fn) noexcept;
 
 // t seconds as nanoseconds, truncated. A negative t is a programming error.
-TaskTimeDuration time2Duration(Time t);
+KESTO_EXPORT TaskTimeDuration time2Duration(Time t);
 
 // Milliseconds, truncated, of a nanosecond duration, clamped to what 32 bits
 // hold (a negative duration gives 0).
@@ -62,7 +64,7 @@ inline TaskDurationMs toDurationMs(TaskTimeDuration d) noexcept {
   return TaskDurationMs(U32(ms));
 }
 
-class TaskKey {
+class KESTO_EXPORT TaskKey {
 public:
   constexpr TaskKey() noexcept = default;
   constexpr explicit TaskKey(const void* object) noexcept : object_(object) {}

@@ -56,6 +56,8 @@
 // greater than its delay, an endless delay to scheduleTaskLowestDelay.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Scheduler/TaskImpl.h>
 #include <Kesto/Scheduler/TaskTypes.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
@@ -67,7 +69,7 @@ namespace Kesto {
 class TimerWheel;
 struct TimerTaskTestAccess;
 
-class TimerTask : public TaskImpl, private TimerWheelEvent {
+class KESTO_EXPORT TimerTask : public TaskImpl, private TimerWheelEvent {
 public:
   TimerTask(Ptr<TaskScheduler> scheduler, TaskPriority priority, const String& name);
   // Takes a reference on `scheduler` for the length of the call.

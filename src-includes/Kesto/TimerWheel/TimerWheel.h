@@ -24,6 +24,8 @@
 // - Failures are programming errors and assert.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Core/Types.h>
 #include <Kesto/Platform/PlatformControls.h>
@@ -40,7 +42,7 @@
 
 namespace Kesto {
 
-class TimerWheel : Platform::TimeoutHandler {
+class KESTO_EXPORT TimerWheel : Platform::TimeoutHandler {
 public:
   // The events of one exact expiry time, in the order the wheel delivered
   // them: a tail queue over the events' `tqe` links. While an event is on it,
@@ -118,27 +120,27 @@ private:
 
 // The wheel of the thread (with thread-local singletons) or of the process,
 // made at first use; its master timer has eventPriorityDefault.
-std::shared_ptr<TimerWheel> getTimerWheel();
+KESTO_EXPORT std::shared_ptr<TimerWheel> getTimerWheel();
 // A new wheel on every call, its master timer at `priority`. The root
 // scheduler makes one for itself.
-std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority);
+KESTO_EXPORT std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority);
 // One pass of _processExpiredTimers() for a scheduler that polls its wheel;
 // returns the number of timers fired. The master timer is not touched.
-int processExpiredTimersForTaskScheduler(const std::shared_ptr<TimerWheel>& wheel);
+KESTO_EXPORT int processExpiredTimersForTaskScheduler(const std::shared_ptr<TimerWheel>& wheel);
 
 // The tick (1/100 s) of a time, rounded up as for the present, and rounded
 // down as for an expiry; 2^64 - 1 at most.
-U64 timeToTickCeilForTest(double time);
-U64 timeToTickFloorForTest(double time);
+KESTO_EXPORT U64 timeToTickCeilForTest(double time);
+KESTO_EXPORT U64 timeToTickFloorForTest(double time);
 
 // The clock the wheels read: Kesto::time unless a test installs another
 // (null puts Kesto::time back). Process-wide, not locked.
 using TimerWheelClock = double (*)();
-void timerWheelClockIsForTest(TimerWheelClock clock) noexcept;
+KESTO_EXPORT void timerWheelClockIsForTest(TimerWheelClock clock) noexcept;
 
 namespace Platform {
 // A timer control served by `wheel`: a new TimerWheelTimerControl.
-Ptr<TimerControl> getTimerControl(TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel);
+KESTO_EXPORT Ptr<TimerControl> getTimerControl(TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel);
 } // namespace Platform
 
 } // namespace Kesto

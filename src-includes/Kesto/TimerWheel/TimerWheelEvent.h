@@ -17,6 +17,8 @@
 //   `expirationTime_`, the exact expiry. 56 bytes with the vtable pointer.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/TimerWheel/TimerWheelState.h>
 #include <Timeouts/timeouts.h>
 
@@ -33,13 +35,13 @@ namespace Impl {
 // The data of a TimerWheelEvent, in a standard-layout base so that the wheel
 // can go from the `struct timeout` the timeout library hands back to the
 // event that embeds it without offsetof on a polymorphic class.
-struct TimerWheelEventFields {
+struct KESTO_EXPORT TimerWheelEventFields {
   struct timeout timeout_;
   double expirationTime_ = std::numeric_limits<double>::infinity();
 };
 } // namespace Impl
 
-class TimerWheelEvent : private Impl::TimerWheelEventFields {
+class KESTO_EXPORT TimerWheelEvent : private Impl::TimerWheelEventFields {
 public:
   TimerWheelEvent() noexcept;
   TimerWheelEvent(const TimerWheelEvent&) = delete;

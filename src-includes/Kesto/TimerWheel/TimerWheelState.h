@@ -8,6 +8,8 @@
 // library's absolute-time flag and stays set; bit 1 stays clear.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/Core/Types.h>
 
 #include <fmt/format.h>
@@ -27,11 +29,11 @@ inline constexpr int timerWheelInitialFlags = 2 | 4;
 
 // "notLinked", "inTimerWheel", "inTimersExpiryingSoon"; "unknownState" for
 // any other value.
-const char* timerWheelStateToString(TimerWheelState state) noexcept;
+KESTO_EXPORT const char* timerWheelStateToString(TimerWheelState state) noexcept;
 
 namespace Impl {
-[[noreturn, gnu::cold]] void assertTimeoutFlags(int flags);
-[[noreturn, gnu::cold]] void assertTimerWheelState(TimerWheelState state);
+[[noreturn, gnu::cold]] KESTO_EXPORT void assertTimeoutFlags(int flags);
+[[noreturn, gnu::cold]] KESTO_EXPORT void assertTimerWheelState(TimerWheelState state);
 } // namespace Impl
 
 // The state that `flags` holds. Asserts unless exactly one state bit is set.

@@ -17,6 +17,8 @@
 // walks the list; callers that need counts keep counters.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 
 #include <boost/intrusive/list.hpp>
@@ -29,11 +31,11 @@
 namespace ZuIntrusive {
 
 namespace Impl {
-[[noreturn]] void bookmarkListAssertFailed(const char* expression, const char* file, const char* function,
+[[noreturn]] KESTO_EXPORT void bookmarkListAssertFailed(const char* expression, const char* file, const char* function,
                                            int line);
 } // namespace Impl
 
-class BookmarkLink
+class KESTO_EXPORT BookmarkLink
     : public boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::safe_link>> {
 public:
   enum Kind : std::uint8_t { element = 0, bookmark = 1 };

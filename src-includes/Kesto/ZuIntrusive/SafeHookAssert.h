@@ -12,8 +12,10 @@
 // containers (BookmarkList.h, TaskImpl.h, TaskScheduler.h) include it first.
 #pragma once
 
+#include <Kesto/Common/Export.h>
+
 namespace ZuIntrusive::Impl {
-[[noreturn]] void intrusiveAssertFailed(const char* expression, const char* file, const char* function, int line);
+[[noreturn]] KESTO_EXPORT void intrusiveAssertFailed(const char* expression, const char* file, const char* function, int line);
 } // namespace ZuIntrusive::Impl
 
 #define KESTO_ZUINTRUSIVE_CHECK(expr)                                                                         \

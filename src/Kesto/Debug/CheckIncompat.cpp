@@ -3,9 +3,10 @@
 #include <dlfcn.h>
 
 extern "C" {
-// Exported so that the dynamic linker resolves it like any other symbol: if
-// a foreign library defined it first, this library reads that one.
-__attribute__((visibility("default"))) int32_t platformLibPresenceFlag = 2;
+// Exported (see its declaration) so that the dynamic linker resolves it like
+// any other symbol: if a foreign library defined it first, this library reads
+// that one.
+int32_t platformLibPresenceFlag = 2;
 }
 
 namespace Kesto {

@@ -4,11 +4,13 @@
 // text is asked for, since most captured stacks are never printed.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/String.h>
 
 namespace Kesto {
 
-class Backtrace {
+class KESTO_CORE_EXPORT Backtrace {
 public:
   // With `capture` true the caller's stack is taken at once; otherwise the
   // object is empty until capture() is called.

@@ -7,13 +7,15 @@
 // that nothing upstream has to capture one again.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/String.h>
 
 #include <exception>
 
 namespace Kesto {
 
-class Exception : public std::exception {
+class KESTO_CORE_EXPORT Exception : public std::exception {
 public:
   explicit Exception(const String& message);
   ~Exception() override;
@@ -33,13 +35,13 @@ private:
   int frameCount_;
 };
 
-class AssertException : public Exception {
+class KESTO_CORE_EXPORT AssertException : public Exception {
 public:
   using Exception::Exception;
   [[noreturn]] static void throwException(const String& message);
 };
 
-class RuntimeException : public Exception {
+class KESTO_CORE_EXPORT RuntimeException : public Exception {
 public:
   using Exception::Exception;
   [[noreturn]] static void throwException(const String& message);
@@ -48,11 +50,11 @@ public:
 // Whether failed assertions are raised for a caller that will report them
 // itself. When false (the default) an assertion is also traced before it is
 // thrown, so that it is seen even if nobody catches it.
-bool throwOnAssertFail() noexcept;
-void throwOnAssertFailIs(bool enabled) noexcept;
+KESTO_CORE_EXPORT bool throwOnAssertFail() noexcept;
+KESTO_CORE_EXPORT void throwOnAssertFailIs(bool enabled) noexcept;
 
 // Called when a null Ptr is used. Reports the misuse on standard error with a
 // backtrace and throws AssertException.
-[[noreturn]] void emitAssertNonNullPtr();
+[[noreturn]] KESTO_CORE_EXPORT void emitAssertNonNullPtr();
 
 } // namespace Kesto

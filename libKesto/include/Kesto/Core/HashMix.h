@@ -6,11 +6,13 @@
 // processes.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/Types.h>
 
 namespace Kesto::Impl {
 
-struct HashMix {
+struct KESTO_CORE_EXPORT HashMix {
   static constexpr U32 fnvOffset32 = 0x811c9dc5u;
   static constexpr U64 fnvOffset64 = 0xcbf29ce484222325ull;
   static constexpr U32 fnvPrime32 = 16777619u;

@@ -6,6 +6,8 @@
 // unless it is the holder.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/Types.h>
 
 #include <atomic>
@@ -14,7 +16,7 @@
 
 namespace Kesto::Locking {
 
-class RecursiveLock {
+class KESTO_CORE_EXPORT RecursiveLock {
 public:
   RecursiveLock() = default;
   RecursiveLock(const RecursiveLock&) = delete;

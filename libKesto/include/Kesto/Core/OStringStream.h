@@ -8,6 +8,8 @@
 // a time, like any stream.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/String.h>
 
 #include <ostream>
@@ -18,7 +20,7 @@ namespace Kesto {
 
 namespace Detail {
 
-class StringStreamBuf : public std::streambuf {
+class KESTO_CORE_EXPORT StringStreamBuf : public std::streambuf {
 public:
   StringStreamBuf() noexcept { setp(buffer_, buffer_ + sizeof buffer_); }
   StringStreamBuf(const StringStreamBuf&) = delete;
@@ -62,13 +64,13 @@ private:
 
 // Holds the buffer so that it is built before the std::ostream base that
 // points at it.
-struct StringStreamBufHolder {
+struct KESTO_CORE_EXPORT StringStreamBufHolder {
   StringStreamBuf buf_;
 };
 
 } // namespace Detail
 
-class OStringStream : private Detail::StringStreamBufHolder, public std::ostream {
+class KESTO_CORE_EXPORT OStringStream : private Detail::StringStreamBufHolder, public std::ostream {
 public:
   OStringStream() : std::ostream(&buf_) {}
   explicit OStringStream(const String& initial) : std::ostream(&buf_) { buf_.textIs(initial); }

@@ -12,6 +12,8 @@
 // return when nothing matches.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/String.h>
 
 #include <sys/mman.h>
@@ -21,7 +23,7 @@
 
 namespace Kesto {
 
-struct MappingInfo {
+struct KESTO_CORE_EXPORT MappingInfo {
   unsigned long start = 0; // first address
   unsigned long end = 0;   // one past the last address
   String perms;            // as the kernel writes it: "r-xp", "rw-s", ...
@@ -44,7 +46,7 @@ struct MappingInfo {
   static bool parse(std::string_view line, MappingInfo& out);
 };
 
-class MappingInfos {
+class KESTO_CORE_EXPORT MappingInfos {
 public:
   // For find(path, offset, flags): accept any protection.
   static constexpr unsigned int anyFlags = ~0u;
@@ -72,7 +74,7 @@ private:
   std::vector<MappingInfo> mappings_; // ascending start, not overlapping
 };
 
-struct PidMappings {
+struct KESTO_CORE_EXPORT PidMappings {
   // The mappings of process `pid` (0: the caller); empty when unreadable.
   static MappingInfos populate(int pid);
   // The same from the text of a maps file; lines that do not parse are

@@ -13,6 +13,8 @@
 // except ptrIs, which makes the object.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/ThreadControl.h>
 #include <Kesto/Core/Types.h>
 
@@ -23,10 +25,10 @@
 
 namespace Kesto {
 
-[[noreturn]] void emitAssertNonNullPtr();
+[[noreturn]] KESTO_CORE_EXPORT void emitAssertNonNullPtr();
 
 // Count policy: plain or atomic according to ThreadControl::tsp_.
-struct HTCnt {
+struct KESTO_CORE_EXPORT HTCnt {
   static void incCount(U32& count) noexcept {
     if (ThreadControl::tsp_)
       __atomic_add_fetch(&count, 1, __ATOMIC_RELAXED);

@@ -22,6 +22,8 @@
 // inline, since the backend calls it after every event.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <cstddef>
 #include <functional>
 
@@ -32,10 +34,10 @@ struct DeferredOps;
 // Non-null exactly while the thread has operations queued. Initial-exec TLS,
 // so that reading it from another library is a plain load off the thread
 // pointer, without a call.
-extern __thread DeferredOps* deferredOpsPending __attribute__((tls_model("initial-exec")));
+extern KESTO_CORE_EXPORT __thread DeferredOps* deferredOpsPending __attribute__((tls_model("initial-exec")));
 } // namespace Detail
 
-class Publisher {
+class KESTO_CORE_EXPORT Publisher {
 public:
   using Op = std::function<void()>;
 

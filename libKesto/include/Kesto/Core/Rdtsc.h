@@ -12,6 +12,8 @@
 // counter the tick is CLOCK_MONOTONIC's nanosecond and the rate is 1e9.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/Types.h>
 
 #if !defined(__x86_64__) && !defined(__i386__)
@@ -20,7 +22,7 @@
 
 namespace Kesto {
 
-struct Rdtsc {
+struct KESTO_CORE_EXPORT Rdtsc {
   static U64 ticks() noexcept {
 #if defined(__x86_64__) || defined(__i386__)
     return __builtin_ia32_rdtsc(); // the compiler builtin spares users <x86intrin.h>

@@ -18,6 +18,8 @@
 // the tag: the short size in its low 5 bits, the form in its top 2 bits.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 #include <Kesto/Core/Types.h>
 
 #include <fmt/format.h>
@@ -32,7 +34,7 @@
 
 namespace Kesto {
 
-class String {
+class KESTO_CORE_EXPORT String {
 public:
   using size_type = U32;
   static constexpr U32 npos = ~U32(0);
@@ -250,7 +252,7 @@ inline std::size_t hash_value(const String& s) noexcept { return s.hash(); }
 namespace ZuFmt::Detail {
 // Writes a String's text to a format output; the formatter below uses it, so
 // that every "{}" of a String formats alike.
-fmt::format_context::iterator formatKestoString(const Kesto::String& s, fmt::format_context& ctx);
+KESTO_CORE_EXPORT fmt::format_context::iterator formatKestoString(const Kesto::String& s, fmt::format_context& ctx);
 } // namespace ZuFmt::Detail
 
 template <>

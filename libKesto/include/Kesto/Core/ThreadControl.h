@@ -7,9 +7,11 @@
 // while objects are shared.
 #pragma once
 
+#include <Kesto/Core/Export.h>
+
 namespace Kesto {
 
-struct ThreadControl {
+struct KESTO_CORE_EXPORT ThreadControl {
   // Read on every count change; plain bool so that the test is one load.
   static bool tsp_;
 
