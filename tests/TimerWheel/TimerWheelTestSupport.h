@@ -6,6 +6,7 @@
 
 #include <Kesto/TimerWheel/TimerWheel.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
+#include <Timeouts/timeouts.h>
 #include <Kesto/Debug/Trace.h>
 
 #include <gmock/gmock.h>

@@ -33,12 +33,17 @@
 #include <Kesto/Platform/PlatformHandlers.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 #include <Kesto/TimerWheel/TimerWheelState.h>
-#include <Timeouts/timeouts.h>
 #include <ZuSlab/Allocator.h>
 
 #include <functional>
 #include <map>
 #include <memory>
+#include <new>
+
+// The timeout library's types, complete in the wheel's sources only.
+struct timeout;
+struct timeout_list;
+struct timeouts;
 
 namespace Kesto {
 
@@ -51,23 +56,28 @@ public:
   // moves: it is built in place in its map node.
   class TimersAtTimeout {
   public:
-    TimersAtTimeout() noexcept { timeout_list_init(&head_); }
+    TimersAtTimeout() noexcept;
     TimersAtTimeout(const TimersAtTimeout&) = delete;
     TimersAtTimeout& operator=(const TimersAtTimeout&) = delete;
     // Asserts "Destroyed while non-empty".
     ~TimersAtTimeout() noexcept(false);
 
-    bool empty() const noexcept { return timeout_list_empty(&head_); }
+    bool empty() const noexcept { return *std::launder(reinterpret_cast<struct timeout* const*>(head_)) == nullptr; }
     TimerWheelEvent* front() const noexcept;
     // Appends; asserts "pending set to {}" if the event is on a list.
     void pushBack(TimerWheelEvent* event);
     // Takes the event off this list; asserts "Event {} linked to {}" if its
     // `pending` names another list.
     void unlink(TimerWheelEvent* event);
-    const timeout_list* head() const noexcept { return &head_; }
+    const timeout_list* head() const noexcept { return reinterpret_cast<const timeout_list*>(head_); }
 
   private:
-    timeout_list head_;
+    timeout_list* list() noexcept { return reinterpret_cast<timeout_list*>(head_); }
+
+    // A `struct timeout_list` made in place by the constructor: the first
+    // entry, then the address of the last entry's forward link. Its layout
+    // is checked where the timeout library's header is included.
+    alignas(void*) unsigned char head_[2 * sizeof(void*)];
   };
 
   using TimersExpiryingSoon =
@@ -108,7 +118,7 @@ private:
 
   void timersExpiryingSoonRemove(TimerWheelEvent* event);
 
-  static struct timeout* entryOf(TimerWheelEvent* event) noexcept { return &event->timeout_; }
+  static struct timeout* entryOf(TimerWheelEvent* event) noexcept { return event->entry(); }
   static TimerWheelEvent* eventOf(struct timeout* to) noexcept { return TimerWheelEvent::fromTimeout(to); }
 
   int error_ = 0;

@@ -20,12 +20,15 @@
 #include <Kesto/Common/Export.h>
 
 #include <Kesto/TimerWheel/TimerWheelState.h>
-#include <Timeouts/timeouts.h>
 
 #include <cstddef>
 #include <limits>
 #include <memory>
+#include <new>
 #include <type_traits>
+
+// The timeout library's entry; complete in the wheel's sources.
+struct timeout;
 
 namespace Kesto {
 
@@ -36,7 +39,12 @@ namespace Impl {
 // can go from the `struct timeout` the timeout library hands back to the
 // event that embeds it without offsetof on a polymorphic class.
 struct KESTO_EXPORT TimerWheelEventFields {
-  struct timeout timeout_;
+  // A `struct timeout`, made in place by the constructor. Its first member
+  // is the int `flags`, which the state is kept in. 40 bytes: flags, the
+  // expiry tick, the pending list and the two tail-queue links.
+  static constexpr std::size_t timeoutSize = 40;
+  static constexpr std::size_t timeoutAlign = 8;
+  alignas(timeoutAlign) unsigned char timeout_[timeoutSize];
   double expirationTime_ = std::numeric_limits<double>::infinity();
 };
 } // namespace Impl
@@ -61,7 +69,7 @@ public:
   // Stops the timer; nothing if it is not running.
   void delTimeout(const std::shared_ptr<TimerWheel>& wheel);
 
-  TimerWheelState state() const { return timeoutFlagsToState(timeout_.flags); }
+  TimerWheelState state() const { return timeoutFlagsToState(flags()); }
   // Moves to `state`. A change between the two linked states asserts: every
   // move goes through notLinked. Setting the present state is no change.
   void stateIs(TimerWheelState state) {
@@ -70,17 +78,22 @@ public:
       return;
     if (old != TimerWheelState::notLinked && state != TimerWheelState::notLinked) [[unlikely]]
       assertBadStateChange(old, state);
-    timeout_.flags = (timeout_.flags & ~timerWheelStateFlagMask) | stateToTimeoutFlags(state);
+    flagsRef() = (flags() & ~timerWheelStateFlagMask) | stateToTimeoutFlags(state);
   }
 
   // +infinity if not running; else the seconds to expiry, 0.0 once due.
   double remainingTimeout() const;
 
   double expirationTime() const noexcept { return expirationTime_; }
-  const struct timeout& timeoutEntry() const noexcept { return timeout_; }
+  const struct timeout& timeoutEntry() const noexcept { return *reinterpret_cast<const struct timeout*>(timeout_); }
 
 private:
   friend class TimerWheel;
+
+  // The entry's `flags`, its first member.
+  int flags() const noexcept { return *std::launder(reinterpret_cast<const int*>(timeout_)); }
+  int& flagsRef() noexcept { return *std::launder(reinterpret_cast<int*>(timeout_)); }
+  struct timeout* entry() noexcept { return reinterpret_cast<struct timeout*>(timeout_); }
 
   [[noreturn, gnu::cold]] void assertBadStateChange(TimerWheelState from, TimerWheelState to) const;
   [[noreturn, gnu::cold]] void assertDestroyedLinked() const;

@@ -5,7 +5,11 @@
 #include "TimerWheel/TimerWheelClock.h"
 #include <Kesto/Debug/Trace.h>
 
+#include <Timeouts/timeouts.h>
+
+#include <cstddef>
 #include <limits>
+#include <new>
 
 // Traces under a function name of our choice, where the line should name
 // the step rather than the C++ function that happens to take it.
@@ -39,6 +43,12 @@ constexpr timeout_t ticksPerSecond = 100;
 
 // ---- TimersAtTimeout ----------------------------------------------------
 
+static_assert(sizeof(timeout_list) == sizeof(TimerWheel::TimersAtTimeout) &&
+              alignof(timeout_list) <= alignof(TimerWheel::TimersAtTimeout) &&
+              offsetof(timeout_list, tqh_first) == 0);
+
+TimerWheel::TimersAtTimeout::TimersAtTimeout() noexcept { timeout_list_init(new (head_) timeout_list); }
+
 TimerWheel::TimersAtTimeout::~TimersAtTimeout() noexcept(false) {
   if (!empty()) [[unlikely]]
     fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "~TimersAtTimeout", __LINE__,
@@ -46,7 +56,7 @@ TimerWheel::TimersAtTimeout::~TimersAtTimeout() noexcept(false) {
 }
 
 TimerWheelEvent* TimerWheel::TimersAtTimeout::front() const noexcept {
-  struct timeout* first = timeout_list_first(&head_);
+  struct timeout* first = timeout_list_first(head());
   return first ? eventOf(first) : nullptr;
 }
 
@@ -55,15 +65,15 @@ void TimerWheel::TimersAtTimeout::pushBack(TimerWheelEvent* event) {
   if (entry->pending) [[unlikely]]
     fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "pushBack", __LINE__, "pending set to {}",
              DisplayPointer(entry->pending));
-  timeout_list_insert_tail(&head_, entry);
+  timeout_list_insert_tail(list(), entry);
 }
 
 void TimerWheel::TimersAtTimeout::unlink(TimerWheelEvent* event) {
   struct timeout* entry = entryOf(event);
-  if (entry->pending != &head_) [[unlikely]]
+  if (entry->pending != list()) [[unlikely]]
     fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "unlink", __LINE__, "Event {} linked to {}",
              DisplayPointer(event), DisplayPointer(entry->pending));
-  timeout_list_remove(&head_, entry);
+  timeout_list_remove(list(), entry);
 }
 
 // ---- TimerWheel ---------------------------------------------------------

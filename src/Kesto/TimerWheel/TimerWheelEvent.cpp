@@ -3,7 +3,11 @@
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 #include <Kesto/Debug/Trace.h>
 
+#include <Timeouts/timeouts.h>
+
+#include <cstddef>
 #include <limits>
+#include <new>
 
 namespace Kesto {
 
@@ -11,7 +15,12 @@ namespace {
 constexpr double infinity = std::numeric_limits<double>::infinity();
 } // namespace
 
-TimerWheelEvent::TimerWheelEvent() noexcept { timeout_init(&timeout_, timerWheelInitialFlags); }
+// The header keeps the entry as raw storage; it must fit the real one.
+static_assert(sizeof(struct timeout) == Impl::TimerWheelEventFields::timeoutSize);
+static_assert(alignof(struct timeout) == Impl::TimerWheelEventFields::timeoutAlign);
+static_assert(offsetof(struct timeout, flags) == 0);
+
+TimerWheelEvent::TimerWheelEvent() noexcept { timeout_init(new (timeout_) struct timeout, timerWheelInitialFlags); }
 
 TimerWheelEvent::~TimerWheelEvent() noexcept(false) {
   if (state() != TimerWheelState::notLinked) [[unlikely]]
