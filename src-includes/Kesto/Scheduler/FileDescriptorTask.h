@@ -217,7 +217,7 @@ private:
   // Compares taskScheduled() with the last seen busy state and reports a
   // change on the owner.
   void ownerBusyReevaluate();
-  [[noreturn]] void failNoWriteTask() const;
+  [[noreturn, gnu::cold]] void failNoWriteTask() const;
 
   bool taskWatchReadable_ = false;
   bool taskWatchWritable_ = false;

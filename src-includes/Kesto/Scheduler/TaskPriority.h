@@ -38,6 +38,7 @@ public:
 
   constexpr operator Value() const noexcept { return value_; }
   constexpr U8 value() const noexcept { return value_; }
+  // Whether a task can have this priority: critical to scavenge.
   constexpr bool isValid() const noexcept { return value_ <= scavenge; }
 
   // The name of values 0..6; another value is a programming error.
@@ -84,7 +85,7 @@ static_assert(sizeof(TaskGroupPriorityEnforcement) == 1);
 template <>
 struct fmt::formatter<Kesto::TaskPriority> : fmt::formatter<fmt::string_view> {
   auto format(Kesto::TaskPriority p, fmt::format_context& ctx) const {
-    if (p.value() > Kesto::TaskPriority::scavenge)
+    if (!p.isValid())
       return fmt::format_to(ctx.out(), "invalidPriority={}", unsigned(p.value()));
     return fmt::formatter<fmt::string_view>::format(p.toStrep(), ctx);
   }

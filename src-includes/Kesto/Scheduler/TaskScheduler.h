@@ -234,6 +234,8 @@ protected:
   // Busy = runnable tasks or running timers; reports a change.
   void schedulerBusyReevaluate(const TaskTimeStamp& now);
   void historyInsert(const TaskTimeStamp& when, TaskSchedulerEventType type) const;
+  // A pass starts at `start`: the time since the last one ended is slip.
+  void schedulerRunStartIs(const TaskTimeStamp& start) noexcept;
   void updateCompletedTaskStats(TaskImpl* task);
   void completedTasksPerPriorityInc(TaskPriority p);
   // Appends to the persistent list of the task's queue (scheduleTask).
@@ -271,7 +273,15 @@ protected:
 private:
   friend class TaskImpl;
   friend struct TaskSchedulerTestAccess;
-  [[noreturn]] void failPriority(TaskPriority p) const;
+  // Fails unless `p` is a priority a task can have (critical to scavenge).
+  void checkPriority(TaskPriority p) const {
+    if (!p.isValid()) [[unlikely]]
+      failPriority(p);
+  }
+  [[noreturn, gnu::cold]] void failPriority(TaskPriority p) const;
+  // The task leaves its run queue at `now`: its wait since scheduleTask() is
+  // its latest scheduling latency.
+  static void schedulingLatencyRecord(TaskImpl& task, const TaskTimeStamp& now) noexcept;
 };
 
 // "name:".

@@ -169,7 +169,7 @@ protected:
   explicit TaskSchedulerRoot(const String& name);
 
 private:
-  [[noreturn]] void failWrongThread() const;
+  [[noreturn, gnu::cold]] void failWrongThread() const;
 
   Schedulers schedulers_;
   Ptr<Platform::CallbackControl> callbackControl_;

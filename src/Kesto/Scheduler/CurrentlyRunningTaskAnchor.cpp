@@ -22,41 +22,41 @@ std::mutex& criticalMutex() {
 unsigned criticalCount = 0;
 thread_local bool runningCritical = false;
 
+// The bookkeeping's own checks report as "file:function:line: name=value",
+// through the scheduler's handler.
+template <typename Value>
+[[noreturn, gnu::cold, gnu::noinline]] void failBookkeeping(const char* function, int line, const char* name,
+                                                            const Value& value) {
+  Platform::DebugStream stream;
+  stream << name << '=' << value;
+  debugAndAssert(*Debug::taskScheduler, stream, __FILE__, function, line);
+}
+
 void runningIs(bool running) {
   std::lock_guard<std::mutex> guard(criticalMutex());
   if (running) {
-    if (runningCritical) [[unlikely]] {
-      Platform::DebugStream stream;
-      stream << "running=" << runningCritical;
-      debugAndAssert(*Debug::taskScheduler, stream, __FILE__, __func__, __LINE__);
-    }
+    if (runningCritical) [[unlikely]]
+      failBookkeeping(__func__, __LINE__, "running", runningCritical);
     runningCritical = true;
     ++criticalCount;
     assertNotRunningCriticalTaskFn = &doAssertNotRunningCriticalTask;
     return;
   }
-  if (!runningCritical) [[unlikely]] {
-    Platform::DebugStream stream;
-    stream << "running=" << runningCritical;
-    debugAndAssert(*Debug::taskScheduler, stream, __FILE__, __func__, __LINE__);
-  }
+  if (!runningCritical) [[unlikely]]
+    failBookkeeping(__func__, __LINE__, "running", runningCritical);
   const unsigned was = criticalCount--;
   runningCritical = false;
   if (was == 1) {
-    if (assertNotRunningCriticalTaskFn != &doAssertNotRunningCriticalTask) [[unlikely]] {
-      Platform::DebugStream stream;
-      stream << "assertNotRunningCriticalTaskFn="
-             << reinterpret_cast<const void*>(assertNotRunningCriticalTaskFn);
-      debugAndAssert(*Debug::taskScheduler, stream, __FILE__, __func__, __LINE__);
-    }
+    if (assertNotRunningCriticalTaskFn != &doAssertNotRunningCriticalTask) [[unlikely]]
+      failBookkeeping(__func__, __LINE__, "assertNotRunningCriticalTaskFn",
+                      reinterpret_cast<const void*>(assertNotRunningCriticalTaskFn));
     assertNotRunningCriticalTaskFn = nullptr;
   }
 }
 } // namespace
 
 void doAssertNotRunningCriticalTask() {
-  if (runningCritical) [[unlikely]]
-    KESTO_FAIL(className, "Disallowed operation while in running critical task");
+  KESTO_ASSERT(!runningCritical, className, "Disallowed operation while in running critical task");
 }
 
 unsigned runningCriticalTaskCount() {
@@ -66,8 +66,7 @@ unsigned runningCriticalTaskCount() {
 
 TaskScheduler::CurrentlyRunningTaskAnchor::CurrentlyRunningTaskAnchor(TaskScheduler& scheduler, TaskImpl& task)
     : scheduler_(scheduler), task_(&task) {
-  if (scheduler_.currentlyRunningTask_) [[unlikely]]
-    KESTO_FAIL(className, "currentlyRunningTask_ is not NULL {}",
+  KESTO_ASSERT(!scheduler_.currentlyRunningTask_, className, "currentlyRunningTask_ is not NULL {}",
                DisplayPointer(scheduler_.currentlyRunningTask_.get()));
   // The reference keeps the task alive to the end of its own run, even if
   // taskExecute() drops the last outside reference.
@@ -77,8 +76,7 @@ TaskScheduler::CurrentlyRunningTaskAnchor::CurrentlyRunningTaskAnchor(TaskSchedu
 }
 
 TaskScheduler::CurrentlyRunningTaskAnchor::~CurrentlyRunningTaskAnchor() noexcept(false) {
-  if (scheduler_.currentlyRunningTask_.get() != task_) [[unlikely]]
-    KESTO_FAIL(className, "currentlyRunningTask_ != task_ {} != {}",
+  KESTO_ASSERT(scheduler_.currentlyRunningTask_.get() == task_, className, "currentlyRunningTask_ != task_ {} != {}",
                DisplayPointer(scheduler_.currentlyRunningTask_.get()), DisplayPointer(task_));
   if (task_->taskPriority() == TaskPriority::critical)
     runningIs(false);

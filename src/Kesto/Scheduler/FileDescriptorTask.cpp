@@ -147,19 +147,15 @@ void FileDescriptorTask::taskWorkCountInc(unsigned long n) { executingTask_->tas
 void FileDescriptorTask::taskWorkPendingIs(unsigned int n) { executingTask_->taskWorkPendingIs(n); }
 
 void FileDescriptorTask::readFdEvent(int fd) {
-  if (!taskWatchReadable_) [[unlikely]]
-    KESTO_FAIL(className, "readFdEvent() called with taskWatchReadable off");
-  if (fd != fdControl_->getFd()) [[unlikely]]
-    KESTO_FAIL(className, "Notified about {} watching {}", fd, fdControl_->getFd());
+  KESTO_ASSERT(taskWatchReadable_, className, "readFdEvent() called with taskWatchReadable off");
+  KESTO_ASSERT(fd == fdControl_->getFd(), className, "Notified about {} watching {}", fd, fdControl_->getFd());
   taskHistoryInsert(taskClockNow(), TaskSchedulerEventType::fdReadable);
   readTask_->scheduleTask();
 }
 
 void FileDescriptorTask::writeFdEvent(int fd) {
-  if (!taskWatchWritable_) [[unlikely]]
-    KESTO_FAIL(className, "writeFdEvent() called with taskWatchWritable off");
-  if (fd != fdControl_->getFd()) [[unlikely]]
-    KESTO_FAIL(className, "Notified about {} watching {}", fd, fdControl_->getFd());
+  KESTO_ASSERT(taskWatchWritable_, className, "writeFdEvent() called with taskWatchWritable off");
+  KESTO_ASSERT(fd == fdControl_->getFd(), className, "Notified about {} watching {}", fd, fdControl_->getFd());
   taskHistoryInsert(taskClockNow(), TaskSchedulerEventType::fdWritable);
   checkCreateWriteTask();
   writeTask_->scheduleTask();
@@ -168,10 +164,8 @@ void FileDescriptorTask::writeFdEvent(int fd) {
 // --- runs -------------------------------------------------------------------------------
 
 void FileDescriptorTask::_taskExecuteReadable(ReadTask& task) {
-  if (!taskWatchReadable_) [[unlikely]]
-    KESTO_FAIL(className, "ReadTask should only run if taskWatchReadable");
-  if (executingTask_) [[unlikely]]
-    KESTO_FAIL(className, "Executing task already set");
+  KESTO_ASSERT(taskWatchReadable_, className, "ReadTask should only run if taskWatchReadable");
+  KESTO_ASSERT(!executingTask_, className, "Executing task already set");
   executingTask_ = &task;
   taskExecuteReadable();
   // Not reached when the user's code throws: the next run then fails above,
@@ -183,8 +177,7 @@ void FileDescriptorTask::_taskExecuteWritable(WriteTask& task) {
   // One-shot: cleared before the user's code, which asks again if it has
   // more to write.
   taskWatchWritableIs(false);
-  if (executingTask_) [[unlikely]]
-    KESTO_FAIL(className, "Executing task already set");
+  KESTO_ASSERT(!executingTask_, className, "Executing task already set");
   executingTask_ = &task;
   taskExecuteWritable();
   executingTask_ = nullptr;

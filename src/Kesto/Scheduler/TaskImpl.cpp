@@ -4,6 +4,8 @@
 #include <Kesto/Platform/Time.h>
 #include <Kesto/Debug/Trace.h>
 
+#include "Scheduler/HighWaterMark.h"
+
 namespace Kesto {
 
 namespace {
@@ -18,6 +20,13 @@ String quantumText(TaskDurationMs q) {
 U32 markValue(unsigned long n) noexcept {
   const U32 low = U32(n);
   return low == TaskStat::noValue ? TaskStat::noValue - 1 : low;
+}
+
+// A work mark without a value takes the first one; after that it keeps the
+// greatest, as markValue() stores it.
+void raiseWorkMark(U32& mark, unsigned long n) noexcept {
+  if (mark == TaskStat::noValue || n > mark)
+    mark = markValue(n);
 }
 } // namespace
 
@@ -77,8 +86,8 @@ bool TaskImpl::taskScheduled() const {
 }
 
 bool TaskImpl::taskShouldYield() const {
-  if (!taskCurrentlyRunning_ && taskRunCount_ != 0) [[unlikely]]
-    KESTO_FAIL(className, "taskCurrentlyRunning: {} taskRunCount: {}", taskCurrentlyRunning_, taskRunCount_);
+  KESTO_ASSERT(taskCurrentlyRunning_ || taskRunCount_ == 0, className, "taskCurrentlyRunning: {} taskRunCount: {}",
+               taskCurrentlyRunning_, taskRunCount_);
   const TaskScheduler& s = *taskScheduler_;
   if (s.suspended_)
     return true;
@@ -102,20 +111,17 @@ bool TaskImpl::taskShouldYield() const {
 
 void TaskImpl::taskWorkCountInc(unsigned long n) {
   taskWorkCountTotal_ += n;
-  if (taskWorkCountHighWaterMark_ == TaskStat::noValue) {
+  // The first count starts the average; the mark tells whether there was one.
+  if (taskWorkCountHighWaterMark_ == TaskStat::noValue)
     taskWorkCountDecayAvg_ = float(n);
-    taskWorkCountHighWaterMark_ = markValue(n);
-    return;
-  }
-  taskWorkCountDecayAvg_ = (9.0f * taskWorkCountDecayAvg_ + float(n)) / 10.0f;
-  if (n > taskWorkCountHighWaterMark_)
-    taskWorkCountHighWaterMark_ = markValue(n);
+  else
+    taskWorkCountDecayAvg_ = (9.0f * taskWorkCountDecayAvg_ + float(n)) / 10.0f;
+  raiseWorkMark(taskWorkCountHighWaterMark_, n);
 }
 
 void TaskImpl::taskWorkPendingIs(unsigned int n) {
   taskWorkPending_ = n;
-  if (taskWorkPendingHighWaterMark_ == TaskStat::noValue || n > taskWorkPendingHighWaterMark_)
-    taskWorkPendingHighWaterMark_ = markValue(n);
+  raiseWorkMark(taskWorkPendingHighWaterMark_, n);
 }
 
 void TaskImpl::scheduleTask() {
@@ -190,8 +196,7 @@ void TaskImpl::taskDoRun(const TaskTimeStamp& now, TaskTimeStamp* end) {
   TaskScheduler& s = *taskScheduler_;
   TaskScheduler::CurrentlyRunningTaskAnchor anchor(s, *this);
   taskHistoryInsert(now, TaskSchedulerEventType::runStart);
-  if (runQueueLink_.is_linked()) [[unlikely]]
-    KESTO_FAIL(className, "Task: {} still on run queue at run start", *this);
+  KESTO_ASSERT(!runQueueLink_.is_linked(), className, "Task: {} still on run queue at run start", *this);
   KESTO_TRACE(Debug::taskScheduler, 8, className, "Running {}", *this);
   lastTaskRunTimestamp_ = now;
   if (firstTaskRunTimestamp_ == TaskTimeStamp{})
@@ -208,8 +213,8 @@ void TaskImpl::taskDoRun(const TaskTimeStamp& now, TaskTimeStamp* end) {
   taskExecute();
   taskCurrentlyRunning_ = false;
 
-  if (taskMagicNumber_ != taskMagicNumberConstructed) [[unlikely]]
-    KESTO_FAIL(className, "Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}", *this, taskMagicNumber_,
+  KESTO_ASSERT(taskMagicNumber_ == taskMagicNumberConstructed, className,
+               "Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}", *this, taskMagicNumber_,
                taskMagicNumberConstructed);
 
   *end = taskClockNow();
@@ -232,8 +237,7 @@ void TaskImpl::taskDoRun(const TaskTimeStamp& now, TaskTimeStamp* end) {
     KESTO_TRACE(Debug::taskScheduler, 7, className, "Ran {} used {}", *this, durationToString(elapsed));
   }
 
-  if (elapsed > std::chrono::milliseconds(taskRunTimeHighWaterMark_.count()))
-    taskRunTimeHighWaterMark_ = toDurationMs(elapsed);
+  raiseHighWaterMark(taskRunTimeHighWaterMark_, toDurationMs(elapsed));
   taskTotalRunTime_ += elapsed;
 
   taskHistoryInsert(*end, TaskSchedulerEventType::runEnd);
@@ -241,8 +245,7 @@ void TaskImpl::taskDoRun(const TaskTimeStamp& now, TaskTimeStamp* end) {
 }
 
 TaskTimeDuration TaskImpl::taskCurrentRunTime() const {
-  if (!taskCurrentlyRunning_) [[unlikely]]
-    KESTO_FAIL(className, "Task: {} not currently running", *this);
+  KESTO_ASSERT(taskCurrentlyRunning_, className, "Task: {} not currently running", *this);
   if (taskShouldYieldMode_ == 1)
     return time2Duration(Kesto::time() - taskScheduler_->taskStartVirtualTime_);
   return taskClockNow() - lastTaskRunTimestamp_;
@@ -281,16 +284,14 @@ void TaskImpl::taskShouldYieldModeReevaluate() {
 // --- settings -------------------------------------------------------------------
 
 void TaskImpl::taskQuantumIs(TaskDurationMs quantum) {
-  if (quantum > maxTaskQuantum) [[unlikely]]
-    KESTO_FAIL(className, "Quantum: {}", quantumText(quantum));
+  KESTO_ASSERT(quantum <= maxTaskQuantum, className, "Quantum: {}", quantumText(quantum));
   taskQuantumNoCheckIs(quantum);
 }
 
 void TaskImpl::taskQuantumNoCheckIs(TaskDurationMs quantum) {
   if (quantum == taskQuantum_)
     return;
-  if (quantum.count() == 0) [[unlikely]]
-    KESTO_FAIL(className, "Quantum: {}", quantumText(quantum));
+  KESTO_ASSERT(quantum.count() != 0, className, "Quantum: {}", quantumText(quantum));
   taskQuantum_ = quantum;
   if (quantum == taskScheduler_->defaultTaskQuantum())
     KESTO_TRACE(Debug::taskScheduler, 9, className, "Set quantum {} to {}", *this, quantumText(quantum));
@@ -370,9 +371,7 @@ TaskStat TaskImpl::getStats() const {
 void TaskImpl::taskRunAndRecordFromTest() {
   Ptr<TaskScheduler> hold(taskScheduler_);
   TaskScheduler& s = *hold;
-  s.schedulerRunStart_ = taskClockNow();
-  if (s.schedulerRunStart_ - s.lastSchedulerRunEnd_ > s.maxSchedulerSlip_)
-    s.maxSchedulerSlip_ = s.schedulerRunStart_ - s.lastSchedulerRunEnd_;
+  s.schedulerRunStartIs(taskClockNow());
   if (runQueueLink_.is_linked())
     s.taskSchedulerUnlinkTask(s.schedulerRunStart_, this);
   TaskTimeStamp end;

@@ -1,6 +1,8 @@
 #include <Kesto/Scheduler/TaskScheduler.h>
 #include <Kesto/Debug/Trace.h>
 
+#include "Scheduler/HighWaterMark.h"
+
 #include <algorithm>
 #include <locale>
 #include <ostream>
@@ -9,6 +11,7 @@ namespace Kesto {
 
 namespace {
 constexpr const char* className = "TaskScheduler";
+constexpr const char* temporaryNotEmpty = "The temporary run queue should always be empty at this point";
 
 // A name may run at critical priority if it is one of the named uses or a
 // test. The first test is case-sensitive on purpose.
@@ -26,9 +29,7 @@ bool criticalNameAuthorized(const String& name) {
 // --- run queues -------------------------------------------------------------
 
 void TaskScheduler::TaskRunQueues::TaskRunQueue::movePersistentToTemporary() {
-  if (!temporaryRunQueue_.empty()) [[unlikely]]
-    fmassert(Debug::taskScheduler, className, __FILE__, __func__, __LINE__, "{}",
-             "The temporary run queue should always be empty at this point");
+  KESTO_ASSERT_H(Debug::taskScheduler, temporaryRunQueue_.empty(), className, "{}", temporaryNotEmpty);
   temporaryRunQueue_.splice(temporaryRunQueue_.end(), persistentRunQueue_);
   currentRunQueue_ = &temporaryRunQueue_;
 }
@@ -36,9 +37,7 @@ void TaskScheduler::TaskRunQueues::TaskRunQueue::movePersistentToTemporary() {
 void TaskScheduler::TaskRunQueues::TaskRunQueue::moveTemporaryToPersistent() {
   persistentRunQueue_.splice(persistentRunQueue_.begin(), temporaryRunQueue_);
   currentRunQueue_ = &persistentRunQueue_;
-  if (!temporaryRunQueue_.empty()) [[unlikely]]
-    fmassert(Debug::taskScheduler, className, __FILE__, __func__, __LINE__, "{}",
-             "The temporary run queue should always be empty at this point");
+  KESTO_ASSERT_H(Debug::taskScheduler, temporaryRunQueue_.empty(), className, "{}", temporaryNotEmpty);
 }
 
 // --- life -------------------------------------------------------------------
@@ -58,7 +57,7 @@ TaskScheduler::~TaskScheduler() {
   taskSchedulerHistory_ = nullptr;
 }
 
-[[noreturn]] void TaskScheduler::failPriority(TaskPriority p) const { KESTO_FAIL(className, "{}", p); }
+void TaskScheduler::failPriority(TaskPriority p) const { KESTO_FAIL(className, "{}", p); }
 
 // --- virtual operations with a body here ------------------------------------
 
@@ -95,18 +94,15 @@ void TaskScheduler::taskRegister(TaskImpl* task) {
   sanityCheckCurrentRunningThread();
   TaskTimeStamp now = taskClockNow();
   const TaskPriority p = task->taskPriority_;
-  if (p > TaskPriority::scavenge) [[unlikely]]
-    failPriority(p);
+  checkPriority(p);
   if (p == TaskPriority::critical) {
-    if (rootScheduler() != this) [[unlikely]]
-      KESTO_FAIL(className, "Critical priority task {} can only be registered against root scheduler, not {}",
-                 *task, *this);
-    if (!criticalNameAuthorized(task->taskName_)) [[unlikely]]
-      KESTO_FAIL(className, "Use of critical priority task {} must be authorized", *task);
+    KESTO_ASSERT(rootScheduler() == this, className,
+                 "Critical priority task {} can only be registered against root scheduler, not {}", *task, *this);
+    KESTO_ASSERT(criticalNameAuthorized(task->taskName_), className,
+                 "Use of critical priority task {} must be authorized", *task);
   }
   KESTO_TRACE(Debug::taskScheduler, 4, className, "{} Register {}", *this, *task);
-  if (task->registeredLink_.isLinked()) [[unlikely]]
-    KESTO_FAIL(className, "Task: {} already registered", *task);
+  KESTO_ASSERT(!task->registeredLink_.isLinked(), className, "Task: {} already registered", *task);
   registeredTasks_.pushFront(*task);
   tasksPerPriorityInc(p);
   task->taskHistoryInsert(now, TaskSchedulerEventType::create);
@@ -118,13 +114,12 @@ void TaskScheduler::taskUnregister(TaskImpl* task) {
   sanityCheckCurrentRunningThread();
   TaskTimeStamp now = taskClockNow();
   KESTO_TRACE(Debug::taskScheduler, 4, className, "{} Unregister {}", *this, *task);
-  if (task->runQueueLink_.is_linked()) [[unlikely]]
-    KESTO_FAIL(className, "Task: {} scheduled on unregister", *task);
+  KESTO_ASSERT(!task->runQueueLink_.is_linked(), className, "Task: {} scheduled on unregister", *task);
   if (task->includeInCompletedTask_)
     updateCompletedTaskStats(task);
   tasksPerPriorityDec(task->taskPriority_);
-  if (!registeredTasks_.remove(*task)) [[unlikely]]
-    KESTO_FAIL(className, "Task: {} not registered", *task);
+  const bool removed = registeredTasks_.remove(*task);
+  KESTO_ASSERT(removed, className, "Task: {} not registered", *task);
   task->taskHistoryInsert(now, TaskSchedulerEventType::destroy);
 }
 
@@ -132,10 +127,9 @@ void TaskScheduler::updateCompletedTaskStats(TaskImpl* task) {
   TaskStat stat = task->getStats();
   stat.taskNameIs(task->taskStatsName_);
   const TaskPriority p = stat.taskPriority();
-  if (p > TaskPriority::scavenge) [[unlikely]]
-    failPriority(p);
-  if (stat.taskCompletedCount() != 0) [[unlikely]]
-    KESTO_FAIL(className, "Task: {} completedCount: {}", *task, stat.taskCompletedCount());
+  checkPriority(p);
+  KESTO_ASSERT(stat.taskCompletedCount() == 0, className, "Task: {} completedCount: {}", *task,
+               stat.taskCompletedCount());
   stat.taskCompletedCountIs(1);
   auto it = completedTaskStats_.find(task->taskStatsName_);
   if (it != completedTaskStats_.end())
@@ -147,20 +141,19 @@ void TaskScheduler::updateCompletedTaskStats(TaskImpl* task) {
 
 void TaskScheduler::completedTasksPerPriorityInc(TaskPriority p) {
   U64& count = completedTasksPerPriority_[p];
-  if (++count == 0) [[unlikely]]
-    KESTO_FAIL(className, "Priority: {} count: {}", p, count);
+  ++count;
+  KESTO_ASSERT(count != 0, className, "Priority: {} count: {}", p, count);
 }
 
 void TaskScheduler::tasksPerPriorityInc(TaskPriority p) {
   U32& count = tasksPerPriority_[p];
-  if (++count == 0) [[unlikely]]
-    KESTO_FAIL(className, "Priority: {} count: {}", p, count);
+  ++count;
+  KESTO_ASSERT(count != 0, className, "Priority: {} count: {}", p, count);
 }
 
 void TaskScheduler::tasksPerPriorityDec(TaskPriority p) {
   U32& count = tasksPerPriority_[p];
-  if (count == 0) [[unlikely]]
-    KESTO_FAIL(className, "Priority: {} count: {}", p, count);
+  KESTO_ASSERT(count != 0, className, "Priority: {} count: {}", p, count);
   --count;
 }
 
@@ -170,37 +163,34 @@ void TaskScheduler::taskEnqueue(TaskImpl& task) {
   ++q.scheduledCount_;
 }
 
+void TaskScheduler::schedulingLatencyRecord(TaskImpl& task, const TaskTimeStamp& now) noexcept {
+  task.taskLastSchedulingLatency_ = toDurationMs(now - task.taskScheduleTime_);
+  raiseHighWaterMark(task.taskSchedulingLatencyHighWaterMark_, task.taskLastSchedulingLatency_);
+}
+
 void TaskScheduler::unscheduleTask(const TaskTimeStamp& now, TaskImpl* task) {
-  if (!task->runQueueLink_.is_linked()) [[unlikely]]
-    KESTO_FAIL(className, "Task: {} not on run queue", *task);
+  KESTO_ASSERT(task->runQueueLink_.is_linked(), className, "Task: {} not on run queue", *task);
   const TaskPriority p = task->taskPriority_;
-  if (p > TaskPriority::scavenge) [[unlikely]]
-    failPriority(p);
+  checkPriority(p);
   TaskRunQueue& q = taskRunQueues_[p];
   q.remove(*task);
   // An unscheduled wait counts as a latency too.
-  task->taskLastSchedulingLatency_ = toDurationMs(now - task->taskScheduleTime_);
-  if (task->taskLastSchedulingLatency_ > task->taskSchedulingLatencyHighWaterMark_)
-    task->taskSchedulingLatencyHighWaterMark_ = task->taskLastSchedulingLatency_;
+  schedulingLatencyRecord(*task, now);
   // The task leaves without running: the run count must not move.
   --q.scheduledCount_;
 }
 
 void TaskScheduler::taskSchedulerUnlinkTask(const TaskTimeStamp& now, TaskImpl* task) {
   const TaskPriority p = task->taskPriority_;
-  if (p > TaskPriority::scavenge) [[unlikely]]
-    failPriority(p);
+  checkPriority(p);
   taskSchedulerUnlinkTask(now, taskRunQueues_[p], task);
 }
 
 void TaskScheduler::taskSchedulerUnlinkTask(const TaskTimeStamp& now, TaskRunQueue& queue, TaskImpl* task) {
   ++queue.dequeuedCount_;
-  if (queue.scheduledCount_ - queue.dequeuedCount_ < 0) [[unlikely]]
-    KESTO_FAIL(className, "");
+  KESTO_ASSERT(queue.scheduledCount_ - queue.dequeuedCount_ >= 0, className, "");
   queue.remove(*task);
-  task->taskLastSchedulingLatency_ = toDurationMs(now - task->taskScheduleTime_);
-  if (task->taskLastSchedulingLatency_ > task->taskSchedulingLatencyHighWaterMark_)
-    task->taskSchedulingLatencyHighWaterMark_ = task->taskLastSchedulingLatency_;
+  schedulingLatencyRecord(*task, now);
 }
 
 void TaskScheduler::schedulerHasRunnableTasksIs(bool value, const TaskTimeStamp& now) {
@@ -245,6 +235,11 @@ void TaskScheduler::historyInsert(const TaskTimeStamp& when, TaskSchedulerEventT
   taskSchedulerHistory_->record(when, type, schedulerName_);
 }
 
+void TaskScheduler::schedulerRunStartIs(const TaskTimeStamp& start) noexcept {
+  schedulerRunStart_ = start;
+  raiseHighWaterMark(maxSchedulerSlip_, start - lastSchedulerRunEnd_);
+}
+
 void TaskScheduler::taskForceYieldInTestNotify(TaskImpl* task, bool on) {
   if (on) {
     if (forceYieldTasks_.insert(task).second && forceYieldTasks_.size() == 1)
@@ -259,9 +254,7 @@ void TaskScheduler::taskForceYieldInTestNotify(TaskImpl* task, bool on) {
 
 bool TaskScheduler::_handleSchedulerRun(TaskPriority last) {
   Ptr<TaskScheduler> hold(this);
-  schedulerRunStart_ = taskClockNow();
-  if (schedulerRunStart_ - lastSchedulerRunEnd_ > maxSchedulerSlip_)
-    maxSchedulerSlip_ = schedulerRunStart_ - lastSchedulerRunEnd_;
+  schedulerRunStartIs(taskClockNow());
   if (rootScheduler()->suspended_) {
     // No further run is requested: unsuspending restarts the chain.
     KESTO_TRACE(Debug::taskScheduler, 8, className, "{} Suspended", *this);
@@ -325,15 +318,13 @@ bool TaskScheduler::attemptLowerPriorityBump(TaskPriority p, unsigned int consec
   U32 sum = 0;
   for (unsigned q = p + 1; q <= TaskPriority::low; ++q) {
     const I64 runnable = taskRunQueues_[TaskPriority(q)].runnableTasks();
-    if (runnable < 0) [[unlikely]]
-      KESTO_FAIL(className, "RunnableTasks negative {}", runnable);
+    KESTO_ASSERT(runnable >= 0, className, "RunnableTasks negative {}", runnable);
     sum += U32(runnable) * bumpWeight(q);
   }
   if (sum == 0)
     return false;
   const I64 runnable = taskRunQueues_[p].runnableTasks();
-  if (runnable < 0) [[unlikely]]
-    KESTO_FAIL(className, "RunnableTasks negative {}", runnable);
+  KESTO_ASSERT(runnable >= 0, className, "RunnableTasks negative {}", runnable);
   return U32(consecutive * sum) > U32(U32(runnable) * bumpWeight(p));
 }
 
@@ -350,11 +341,9 @@ U64 TaskScheduler::completedTasksPerPriority(TaskPriority p) const {
 }
 
 U32 TaskScheduler::runnableTaskCount(TaskPriority p) const {
-  if (p > TaskPriority::scavenge) [[unlikely]]
-    failPriority(p);
+  checkPriority(p);
   const I64 runnable = taskRunQueues_[p].runnableTasks();
-  if (runnable < 0) [[unlikely]]
-    KESTO_FAIL(className, "Priority: {} runnableTasks: {}", p, runnable);
+  KESTO_ASSERT(runnable >= 0, className, "Priority: {} runnableTasks: {}", p, runnable);
   return U32(runnable);
 }
 
@@ -366,8 +355,7 @@ U32 TaskScheduler::runnableTaskCount() const {
 }
 
 U64 TaskScheduler::runTaskCount(TaskPriority p) const {
-  if (p > TaskPriority::scavenge) [[unlikely]]
-    failPriority(p);
+  checkPriority(p);
   return U64(taskRunQueues_[p].runTasks());
 }
 
@@ -381,8 +369,8 @@ TaskSchedulerQueueStats TaskScheduler::queueStats() const {
     line.idleTasks = tasksPerPriority(p) - line.runnableTasks;
     line.completedTasks = completedTasksPerPriority(p);
     line.totalRunCount = runTaskCount(p);
-    if (!stats.emplace(p, line).second) [[unlikely]]
-      KESTO_FAIL(className, "Priority: {} insert failed", p);
+    const bool inserted = stats.emplace(p, line).second;
+    KESTO_ASSERT(inserted, className, "Priority: {} insert failed", p);
   }
   return stats;
 }

@@ -162,7 +162,7 @@ void TaskSchedulerRoot::sanityCheckCurrentRunningThread() const {
   failWrongThread();
 }
 
-[[noreturn]] void TaskSchedulerRoot::failWrongThread() const {
+void TaskSchedulerRoot::failWrongThread() const {
   char callerName[16];
   threadNameOf(pthread_self(), callerName);
   KESTO_FAIL(className, "Executing in wrong thread {}({}) pid {} scheduler belongs to thread {}({}) pid {}",
@@ -200,9 +200,7 @@ void TaskSchedulerRoot::taskShouldYieldModeReevaluate() {
 }
 
 void TaskSchedulerRoot::doUpdateSchedulerLatency() {
-  schedulerRunStart_ = taskClockNow();
-  if (schedulerRunStart_ - lastSchedulerRunEnd_ > maxSchedulerSlip_)
-    maxSchedulerSlip_ = schedulerRunStart_ - lastSchedulerRunEnd_;
+  schedulerRunStartIs(taskClockNow());
   lastSchedulerRunEnd_ = taskClockNow();
 }
 
@@ -228,18 +226,17 @@ void TaskSchedulerRoot::taskTestYieldRatioIs(unsigned char ratio) {
 // --- the schedulers of the thread ---------------------------------------------------------------
 
 void TaskSchedulerRoot::registerScheduler(TaskScheduler* scheduler) {
-  if (!schedulers_.insert(scheduler).second) [[unlikely]]
-    KESTO_FAIL(className, "insert failed for {}", *scheduler);
+  const bool inserted = schedulers_.insert(scheduler).second;
+  KESTO_ASSERT(inserted, className, "insert failed for {}", *scheduler);
 }
 
 void TaskSchedulerRoot::unregisterScheduler(TaskScheduler* scheduler) {
-  if (schedulers_.erase(scheduler) == 0) [[unlikely]]
-    KESTO_FAIL(className, "delete failed for {}", *scheduler);
+  const bool erased = schedulers_.erase(scheduler) != 0;
+  KESTO_ASSERT(erased, className, "delete failed for {}", *scheduler);
 }
 
 U32 TaskSchedulerRoot::taskGroupCount() const {
-  if (schedulers_.empty()) [[unlikely]]
-    KESTO_FAIL(className, "");
+  KESTO_ASSERT(!schedulers_.empty(), className, "");
   return U32(schedulers_.size() - 1);
 }
 
@@ -289,9 +286,9 @@ TaskSchedulerRoot::PreserveCurrentlyRunningTaskAnchor::PreserveCurrentlyRunningT
 TaskSchedulerRoot::PreserveCurrentlyRunningTaskAnchor::~PreserveCurrentlyRunningTaskAnchor() noexcept(false) {
   // While an exception of a nested task unwinds, the nested anchor has
   // already closed; a second failure here would only terminate.
-  if (root_.currentlyRunningTask_ && std::uncaught_exceptions() == 0) [[unlikely]]
-    KESTO_FAIL(className, "currentlyRunningTask_ is not NULL {} preserved {}",
-               DisplayPointer(root_.currentlyRunningTask_.get()), DisplayPointer(preserved_.get()));
+  KESTO_ASSERT(!root_.currentlyRunningTask_ || std::uncaught_exceptions() != 0, className,
+               "currentlyRunningTask_ is not NULL {} preserved {}", DisplayPointer(root_.currentlyRunningTask_.get()),
+               DisplayPointer(preserved_.get()));
   root_.currentlyRunningTask_ = std::move(preserved_);
 }
 

@@ -2,7 +2,8 @@
 #include <Kesto/Scheduler/TaskStat.h>
 #include <Kesto/Debug/Trace.h>
 
-#include <algorithm>
+#include "Scheduler/HighWaterMark.h"
+
 #include <cctype>
 
 namespace Kesto {
@@ -50,9 +51,8 @@ TaskStat& TaskStat::operator+=(const TaskStat& other) {
   taskStatus_ = other.taskStatus_;
   taskWorkCountHighWaterMark_ = foldMark(taskWorkCountHighWaterMark_, other.taskWorkCountHighWaterMark_);
   taskWorkPendingHighWaterMark_ = foldMark(taskWorkPendingHighWaterMark_, other.taskWorkPendingHighWaterMark_);
-  taskRunTimeHighWaterMark_ = std::max(taskRunTimeHighWaterMark_, other.taskRunTimeHighWaterMark_);
-  taskSchedulingLatencyHighWaterMark_ =
-      std::max(taskSchedulingLatencyHighWaterMark_, other.taskSchedulingLatencyHighWaterMark_);
+  raiseHighWaterMark(taskRunTimeHighWaterMark_, other.taskRunTimeHighWaterMark_);
+  raiseHighWaterMark(taskSchedulingLatencyHighWaterMark_, other.taskSchedulingLatencyHighWaterMark_);
   // One more task folded in, whatever the other record says it holds.
   taskCompletedCount_ += 1;
   return *this;
