@@ -4,11 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <sstream>
+#include <type_traits>
 
 using namespace std::chrono_literals;
 using Kesto::durationToString;
-using Milliseconds32 = std::chrono::duration<int32_t, std::milli>;
+using Kesto::TaskDurationMs;
+
+// The millisecond form takes the scheduler's own type, not a look-alike.
+static_assert(std::is_same_v<TaskDurationMs, std::chrono::duration<std::uint32_t, std::milli>>);
 
 namespace Kesto {
 // The stream output is for code of the library's namespace.
@@ -54,11 +59,23 @@ TEST(Duration, NegativeValuesAreNanoseconds) {
 }
 
 TEST(Duration, MillisecondOverloadMultipliesWithoutOverflow) {
-  EXPECT_EQ(durationToString(Milliseconds32(0)), "0ns");
-  EXPECT_EQ(durationToString(Milliseconds32(1)), "1ms");
-  EXPECT_EQ(durationToString(Milliseconds32(59000)), "59000ms");
-  EXPECT_EQ(durationToString(Milliseconds32(3600000)), "60min");
-  EXPECT_EQ(durationToString(Milliseconds32(INT32_MAX)), "35791min");
+  EXPECT_EQ(durationToString(TaskDurationMs(0)), "0ns");
+  EXPECT_EQ(durationToString(TaskDurationMs(1)), "1ms");
+  EXPECT_EQ(durationToString(TaskDurationMs(59000)), "59000ms");
+  EXPECT_EQ(durationToString(TaskDurationMs(59999)), "59999ms");
+  EXPECT_EQ(durationToString(TaskDurationMs(60000)), "60s");
+  EXPECT_EQ(durationToString(TaskDurationMs(3599999)), "3599s");
+  EXPECT_EQ(durationToString(TaskDurationMs(3600000)), "60min");
+  EXPECT_EQ(durationToString(TaskDurationMs(INT32_MAX)), "35791min");
+}
+
+TEST(Duration, MillisecondsAboveTheSignedRangeStayPositive) {
+  // Values with the top bit set are large durations, not negative ones.
+  EXPECT_EQ(durationToString(TaskDurationMs(std::uint32_t(INT32_MAX) + 1)), "35791min");
+  EXPECT_EQ(durationToString(TaskDurationMs(3000000000u)), "50000min");
+  EXPECT_EQ(durationToString(TaskDurationMs(UINT32_MAX - 1)), "71582min");
+  EXPECT_EQ(durationToString(TaskDurationMs(UINT32_MAX)), "71582min");
+  EXPECT_EQ(durationToString(TaskDurationMs::max()), "71582min");
 }
 
 TEST(Duration, FormattersAndStreamWriteTheSameText) {
@@ -66,6 +83,7 @@ TEST(Duration, FormattersAndStreamWriteTheSameText) {
     EXPECT_EQ(fmt::format("{}", d), durationToString(d).str());
     EXPECT_EQ(Kesto::streamed(d), durationToString(d).str());
   }
-  EXPECT_EQ(fmt::format("{}", Milliseconds32(61000)), "61s");
+  EXPECT_EQ(fmt::format("{}", TaskDurationMs(61000)), "61s");
+  EXPECT_EQ(fmt::format("{}", TaskDurationMs::max()), "71582min");
   EXPECT_EQ(Kesto::fmtracestr(false, nullptr, "f", "g", 1, "took {}", 42ns), "took 42ns");
 }

@@ -120,9 +120,13 @@ struct KESTO_EXPORT DisplayPointer {
   explicit DisplayPointer(const void* p) noexcept : pointer(p) {}
 };
 
-// One integer, cut not rounded, and a unit: ns, µs, ms, s or min.
+// One integer, cut not rounded, and a unit: ns, µs, ms, s or min. The two
+// forms are the durations the library hands out: signed 64-bit nanoseconds
+// (TaskTimeDuration) and unsigned 32-bit milliseconds (TaskDurationMs, the
+// unit of quanta, latencies and run-time high-water marks), so either goes in
+// as it comes out; its largest value, 4294967295 ms, reads "71582min".
 KESTO_EXPORT String durationToString(std::chrono::nanoseconds duration);
-KESTO_EXPORT String durationToString(std::chrono::duration<int32_t, std::milli> duration);
+KESTO_EXPORT String durationToString(std::chrono::duration<std::uint32_t, std::milli> duration);
 
 // The same text on a stream, for code of this namespace (it is preferred to
 // the standard library's own output of durations there).
@@ -155,8 +159,8 @@ struct fmt::formatter<std::chrono::nanoseconds> : fmt::formatter<fmt::string_vie
 };
 
 template <>
-struct fmt::formatter<std::chrono::duration<int32_t, std::milli>> : fmt::formatter<fmt::string_view> {
-  auto format(std::chrono::duration<int32_t, std::milli> d, fmt::format_context& ctx) const {
+struct fmt::formatter<std::chrono::duration<std::uint32_t, std::milli>> : fmt::formatter<fmt::string_view> {
+  auto format(std::chrono::duration<std::uint32_t, std::milli> d, fmt::format_context& ctx) const {
     const Kesto::String text = Kesto::durationToString(d);
     return fmt::formatter<fmt::string_view>::format(fmt::string_view(text.data(), text.size()), ctx);
   }

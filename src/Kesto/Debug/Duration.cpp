@@ -31,7 +31,8 @@ String durationText(int64_t nanoseconds) {
 
 String durationToString(std::chrono::nanoseconds duration) { return durationText(duration.count()); }
 
-String durationToString(std::chrono::duration<int32_t, std::milli> duration) {
+// 4294967295 ms is some 4.3e15 ns: every value fits the nanosecond text.
+String durationToString(std::chrono::duration<std::uint32_t, std::milli> duration) {
   return durationText(int64_t(duration.count()) * 1000000);
 }
 

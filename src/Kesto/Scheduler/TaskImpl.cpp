@@ -12,7 +12,7 @@ namespace {
 constexpr const char* className = "Task";
 
 String quantumText(TaskDurationMs q) {
-  return durationToString(std::chrono::duration<int32_t, std::milli>(int32_t(q.count())));
+  return durationToString(q);
 }
 
 // Work marks hold the low 32 bits of a value. All ones means "no value
