@@ -52,8 +52,11 @@
 // timerRemaining() checks it. The wheel can call timeout() from inside
 // another task's run (runCriticalPriorityTasks).
 //
-// Failures are assertions: a jitter percentage over 100, a jitter offset
-// greater than its delay, an endless delay to scheduleTaskLowestDelay.
+// Failures are assertions: a delay in seconds that is not a number (refused
+// by every operation before it changes anything: queue place, timer, jitter
+// draw), a jitter percentage over 100, a jitter offset that is not at most
+// its delay, an endless delay to scheduleTaskLowestDelay. Negative delays are
+// due at once; huge ones are kept at the wheel's last tick and never fire.
 #pragma once
 
 #include <Kesto/Common/Export.h>

@@ -6,6 +6,7 @@
 #include <Kesto/TimerWheel/TimerWheel.h>
 #include <Kesto/Debug/Trace.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <limits>
 
@@ -24,6 +25,24 @@ bool isEndless(double d) noexcept { return d == infinity; }
 bool isEndless(TaskTimeDuration d) noexcept { return d == TaskTimeDuration::max(); }
 double toSeconds(double d) noexcept { return d; }
 double toSeconds(TaskTimeDuration d) noexcept { return double(d.count()) / 1e9; }
+// Only seconds in a double can fail to be a number.
+bool isNumber(double d) noexcept { return !std::isnan(d); }
+bool isNumber(TaskTimeDuration) noexcept { return true; }
+
+// A delay that is not a number names no moment: the timer would claim to run
+// and never fire, and its expiry would compare equal to every other one in
+// the wheel. `function` is the operation that was asked.
+[[noreturn, gnu::cold, gnu::noinline]] void failDelayNotANumber(const TaskImpl& task, const char* function) {
+  fmassert(Debug::taskScheduler, className, __FILE__, function, __LINE__, "Delay is not a number: task {}", task);
+}
+
+// Every operation that takes a delay calls this first, before it changes
+// anything (the queue place, the timer, the jitter state).
+template <typename Delay>
+void refuseDelayNotANumber(const TaskImpl& task, Delay delay, const char* function) {
+  if (!isNumber(delay)) [[unlikely]]
+    failDelayNotANumber(task, function);
+}
 
 // Sums in two's complement for the integer form: the jitter arithmetic has
 // no overflow guard, and a wrapped result must stay a defined value.
@@ -164,6 +183,7 @@ void TimerTask::failTimerNotRunning() const {
 template <typename Delay>
 void TimerTask::_scheduleTaskDelay(Delay delay) {
   taskScheduler_->sanityCheckCurrentRunningThread();
+  refuseDelayNotANumber(*this, delay, __func__);
   if (isEndless(delay)) {
     stopTimerTask();
     return;
@@ -174,6 +194,7 @@ void TimerTask::_scheduleTaskDelay(Delay delay) {
 template <typename Delay>
 void TimerTask::_scheduleTaskLowestDelay(Delay delay) {
   taskScheduler_->sanityCheckCurrentRunningThread();
+  refuseDelayNotANumber(*this, delay, __func__);
   // Unlike scheduleTaskDelay, an endless delay cannot mean "stop" here: a
   // lowest-delay request never postpones what is already due.
   if (isEndless(delay)) [[unlikely]]
@@ -189,7 +210,9 @@ Delay TimerTask::jitterOffset(Delay delay, unsigned char maxJitterPercentage) {
   const unsigned int r = unsigned(rand_r(taskScheduler_->taskSchedulerRoot()->jitterSeed()));
   const unsigned int step = r / jitterStepDivisor;
   const Delay offset = scaledOffset(step, maxJitterPercentage, delay);
-  if (offset > delay) [[unlikely]]
+  // Written so that an offset that is not a number fails too: with a delay
+  // beyond the double's range over 100, a step of 0 makes 0 * inf.
+  if (!(offset <= delay)) [[unlikely]]
     fmassert(Debug::taskScheduler, className, __FILE__, __func__, __LINE__, "offset( {} ) > delayIntoFuture( {} )",
              offset, delay);
   return offset;
@@ -198,6 +221,7 @@ Delay TimerTask::jitterOffset(Delay delay, unsigned char maxJitterPercentage) {
 template <typename Delay>
 void TimerTask::_scheduleTaskJitterUp(Delay delay, unsigned char maxJitterPercentage) {
   taskScheduler_->sanityCheckCurrentRunningThread();
+  refuseDelayNotANumber(*this, delay, __func__);
   if (isEndless(delay)) {
     stopTimerTask();
     return;
@@ -212,6 +236,7 @@ void TimerTask::_scheduleTaskJitterUp(Delay delay, unsigned char maxJitterPercen
 template <typename Delay>
 void TimerTask::_scheduleTaskJitterDown(Delay delay, unsigned char maxJitterPercentage) {
   taskScheduler_->sanityCheckCurrentRunningThread();
+  refuseDelayNotANumber(*this, delay, __func__);
   if (isEndless(delay)) {
     stopTimerTask();
     return;

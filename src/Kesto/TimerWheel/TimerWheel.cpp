@@ -7,6 +7,7 @@
 
 #include <Timeouts/timeouts.h>
 
+#include <cmath>
 #include <cstddef>
 #include <limits>
 #include <new>
@@ -32,6 +33,15 @@ constexpr timeout_t ticksPerSecond = 100;
 
 [[noreturn, gnu::cold, gnu::noinline]] void assertOpenError(int error) {
   fmassert(Debug::kestoTimerWheel, "TimerWheel", __FILE__, "TimerWheel", __LINE__, "Error code {}", error);
+}
+
+// An expiry that is not a number is no moment at all: the event would claim
+// to run, its floor tick would be clamped into the wheel, and as a key of
+// timersExpiryingSoon_ it would compare equal to every other, so that timers
+// of other times fire with it, early.
+[[noreturn, gnu::cold, gnu::noinline]] void assertExpiryNotANumber(const TimerWheelEvent* event, double timeout) {
+  fmassert(Debug::kestoTimerWheel, "TimerWheel", __FILE__, "timerStart", __LINE__,
+           "timer {} expiry is not a number (timeout {})", DisplayPointer(event), timeout);
 }
 
 [[noreturn, gnu::cold, gnu::noinline]] void assertNotLinked(double expirationTime) {
@@ -102,6 +112,9 @@ void TimerWheel::setCurrentTime(double now) {
 
 void TimerWheel::timerStart(TimerWheelEvent* event, double timeout) {
   const double expiry = timeout + now();
+  // Refused before the event is touched: a running timer stays as it was.
+  if (std::isnan(expiry)) [[unlikely]]
+    assertExpiryNotANumber(event, timeout);
   // Already set for this very moment; or, both infinite, not running and
   // staying so.
   if (expiry == event->expirationTime_)
