@@ -14,10 +14,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace Kesto::PlatformTest {
 
@@ -29,6 +31,18 @@ inline double baseClockSlack() {
   timespec resolution;
   clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
   return double(resolution.tv_sec) + double(resolution.tv_nsec) / 1e9 + 3e-6;
+}
+
+// Timer delays from a millisecond to ten seconds, for tests that arm each of
+// them many times over, so that the arming falls at every point of the
+// base's coarse clock tick.
+inline constexpr double armingDelays[] = {0.001, 0.002, 0.005, 0.02, 0.1, 0.5, 1.0, 5.0, 10.0};
+
+// CLOCK_MONOTONIC in seconds: real time, whatever virtual time does.
+inline double monotonicSeconds() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return double(ts.tv_nsec) / 1e9 + double(ts.tv_sec);
 }
 
 // Makes failed assertions throw without their trace line, for the scope.
@@ -51,6 +65,25 @@ inline std::string assertionText(const std::function<void()>& body) {
     return e.what();
   }
   return {};
+}
+
+// Runs `body` on a thread of its own (its own base and virtual clock) in a
+// forked child that SIGALRM ends after `limit` seconds of real time, so that
+// a loop that fails to return fails the test instead of hanging the suite.
+// The child frees the thread's base and exits 0 when no expectation failed
+// (failures print from the child). The child inherits the process-wide fast
+// forward mode of the test. Use it from a test suite named ...DeathTest.
+inline void expectToReturnInAChild(const std::function<void()>& body, unsigned limit = 60) {
+  EXPECT_EXIT(
+      {
+        alarm(limit);
+        std::thread([&] {
+          body();
+          leFree();
+        }).join();
+        std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 // Fast forward on for the scope; off again however the test ends, since the

@@ -6,13 +6,17 @@
 
 #include <event2/event.h>
 
+#include <limits>
+#include <string>
 #include <thread>
 #include <vector>
 
 namespace Kesto {
 namespace {
 
+using PlatformTest::expectToReturnInAChild;
 using PlatformTest::HandlerError;
+using PlatformTest::monotonicSeconds;
 using PlatformTest::SocketPair;
 using PlatformTest::TestCallbackHandler;
 using PlatformTest::TestFdHandler;
@@ -156,6 +160,87 @@ TEST(EventLoop, TimedLoopReturnsWhenItsBreakFiresEvenWithWorkPending) {
   Platform::doEventLoop(0.001);
   EXPECT_GE(handler.callbacks, 1);
   callback->cancelCallback();
+}
+
+// ---- endless and huge time-outs in real time --------------------------------
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+// The loop functions with a time-out, each under the name a failure shows.
+struct TimedLoop {
+  const char* name;
+  double timeout;
+  void (*run)(double);
+};
+const TimedLoop endlessLoops[] = {
+    {"doEventLoop(inf)", infinity, [](double t) { Platform::doEventLoop(t); }},
+    {"doEventLoop(1e30)", 1e30, [](double t) { Platform::doEventLoop(t); }},
+    {"doEventLoop(1e15)", 1e15, [](double t) { Platform::doEventLoop(t); }},
+    {"doEventLoopInWaitfor(inf)", infinity, [](double t) { Platform::doEventLoopInWaitfor(t); }},
+    {"doEventLoopInWaitfor(1e30)", 1e30, [](double t) { Platform::doEventLoopInWaitfor(t); }},
+};
+
+// Each loop runs in a child that an alarm ends: a loop that waits for ever
+// fails the test without hanging the suite.
+
+TEST(EventLoopDeathTest, EndlessLoopOnAnEmptyBaseReturnsAtOnce) {
+  for (const TimedLoop& loop : endlessLoops) {
+    expectToReturnInAChild([&loop] {
+      loop.run(loop.timeout);
+      EXPECT_EQ(0, eventCount()) << loop.name;
+    });
+  }
+}
+
+TEST(EventLoopDeathTest, EndlessLoopWaitsForATimerAndReturnsOnceNothingIsLeft) {
+  for (const TimedLoop& loop : endlessLoops) {
+    expectToReturnInAChild([&loop] {
+      TestTimeoutHandler handler;
+      Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+      const double start = monotonicSeconds();
+      timer->setTimeout(0.02);
+      loop.run(loop.timeout);
+      const double elapsed = monotonicSeconds() - start;
+      EXPECT_EQ(1, handler.timeouts) << loop.name;
+      EXPECT_GE(elapsed, 0.02) << loop.name;
+      EXPECT_EQ(0, eventCount()) << loop.name;
+      timer = nullptr;
+    });
+  }
+}
+
+TEST(EventLoopDeathTest, EndlessLoopWaitsForADescriptorOnceNoTimerIsLeft) {
+  for (const TimedLoop& loop : endlessLoops) {
+    expectToReturnInAChild([&loop] {
+      // A timer writes to the peer of a watched socket 20 ms on; the read
+      // handler stops the watch, and with it the last thing to wait for.
+      SocketPair sockets;
+      TestFdHandler fdHandler;
+      TestTimeoutHandler writerHandler;
+      Ptr<Platform::FdControl> fd = Platform::getFdControl(&fdHandler);
+      Ptr<Platform::TimerControl> writer = Platform::getTimerControl(&writerHandler);
+      std::string received;
+      writerHandler.onTimeout = [&] { sockets.sendToOurs("x"); };
+      fdHandler.onRead = [&](int descriptor) {
+        char buffer[8];
+        const ssize_t n = ::read(descriptor, buffer, sizeof buffer);
+        received.assign(buffer, n > 0 ? size_t(n) : 0);
+        fd->delFd();
+      };
+      fd->setFd(sockets.ours());
+      const double start = monotonicSeconds();
+      writer->setTimeout(0.02);
+      loop.run(loop.timeout);
+      const double elapsed = monotonicSeconds() - start;
+      EXPECT_EQ(1, writerHandler.timeouts) << loop.name;
+      EXPECT_EQ(1, fdHandler.reads) << loop.name;
+      EXPECT_EQ("x", received) << loop.name;
+      EXPECT_GE(elapsed, 0.02) << loop.name;
+      EXPECT_EQ(0, eventCount()) << loop.name;
+      fd = nullptr;
+      writer = nullptr;
+    });
+  }
 }
 
 } // namespace

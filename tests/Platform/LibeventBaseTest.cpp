@@ -5,6 +5,7 @@
 
 #include <event2/event.h>
 
+#include <dirent.h>
 #include <sys/wait.h>
 
 #include <thread>
@@ -132,6 +133,73 @@ TEST(LibeventBase, ControlsOfAFreedBaseAreLeftAloneUnderANewOne) {
     fresh = nullptr;
     leFree();
   }).join();
+}
+
+// The descriptors the process has open, the one that reads them left out.
+int openDescriptorCount() {
+  DIR* dir = opendir("/proc/self/fd");
+  if (!dir) {
+    ADD_FAILURE() << "cannot read /proc/self/fd";
+    return -1;
+  }
+  int count = 0;
+  while (const dirent* entry = readdir(dir))
+    if (entry->d_name[0] != '.')
+      ++count;
+  closedir(dir);
+  return count - 1;
+}
+
+// How many descriptors one base holds, measured on a base of its own.
+int descriptorsOfABase() {
+  const int before = openDescriptorCount();
+  event_base* base = leCreateBase();
+  const int with = openDescriptorCount();
+  event_base_free(base);
+  EXPECT_EQ(before, openDescriptorCount());
+  return with - before;
+}
+
+TEST(LibeventBase, AThreadThatCallsLeFreeBeforeItEndsLeavesNoDescriptorBehind) {
+  const int baseDescriptors = descriptorsOfABase();
+  ASSERT_GT(baseDescriptors, 0);
+  const int before = openDescriptorCount();
+  int during = -1;
+  std::thread([&] {
+    TestTimeoutHandler handler;
+    Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+    timer->setTimeout(0.0);
+    Platform::doEventLoop();
+    EXPECT_EQ(1, handler.timeouts);
+    during = openDescriptorCount();
+    timer = nullptr;
+    leFree();
+  }).join();
+  EXPECT_EQ(before + baseDescriptors, during);
+  EXPECT_EQ(before, openDescriptorCount());
+}
+
+TEST(LibeventBase, AThreadThatEndsWithoutLeFreeKeepsItsBaseAndItsDescriptors) {
+  // What the contract says of a thread that forgets leFree(): its base, and
+  // every descriptor of it, outlive the thread.
+  const int baseDescriptors = descriptorsOfABase();
+  ASSERT_GT(baseDescriptors, 0);
+  const int before = openDescriptorCount();
+  event_base* leaked = nullptr;
+  std::thread([&] {
+    TestTimeoutHandler handler;
+    Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+    timer->setTimeout(0.0);
+    Platform::doEventLoop();
+    timer = nullptr;
+    leaked = ev_base;
+  }).join();
+  ASSERT_NE(nullptr, leaked);
+  EXPECT_EQ(before + baseDescriptors, openDescriptorCount());
+  // Freed here, so that the suite does not keep them: a base may be freed
+  // from another thread once nothing runs its loop.
+  event_base_free(leaked);
+  EXPECT_EQ(before, openDescriptorCount());
 }
 
 TEST(LibeventBaseDeathTest, ForkReinitGivesTheChildAWorkingBase) {

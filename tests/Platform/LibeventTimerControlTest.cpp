@@ -71,6 +71,64 @@ TEST(LibeventTimerControl, RemainingTimeCountsFromTheArming) {
   EXPECT_EQ(infinity, timer->remainingTimeout());
 }
 
+constexpr int armingsPerDelay = 200;
+
+TEST(LibeventTimerControl, RemainingTimeRightAfterArmingNeverExceedsTheDelay) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  for (const double delay : PlatformTest::armingDelays) {
+    for (int i = 0; i < armingsPerDelay; ++i) {
+      const double before = time();
+      timer->setTimeout(delay);
+      const double remaining = timer->remainingTimeout();
+      const double elapsed = time() - before;
+      // The lengthening that keeps the timer from firing early does not
+      // show; the lower bound allows for the rounding of the subtractions.
+      ASSERT_LE(remaining, delay) << "delay " << delay << " arming " << i;
+      ASSERT_GE(remaining, delay - elapsed - 1e-9) << "delay " << delay << " arming " << i;
+    }
+  }
+  timer->delTimeout();
+  EXPECT_EQ(0, handler.timeouts);
+}
+
+TEST(LibeventTimerControl, RemainingTimeStaysWithinTheDelayWhileTheTimerRuns) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  double remaining = 0.0;
+  double elapsed = 0.0;
+  const double before = time();
+  timer->setTimeout(0.02);
+  // Read from a second timer's handler while the first one is pending, so
+  // that the reading happens inside a turn of the loop, where libevent
+  // counts from the time it cached at the top of the turn.
+  TestTimeoutHandler readerHandler;
+  Ptr<Platform::TimerControl> reader = Platform::getTimerControl(&readerHandler);
+  readerHandler.onTimeout = [&] {
+    remaining = timer->remainingTimeout();
+    elapsed = time() - before;
+  };
+  reader->setTimeout(0.005);
+  Platform::doEventLoop();
+  EXPECT_EQ(1, readerHandler.timeouts);
+  EXPECT_EQ(1, handler.timeouts);
+  EXPECT_LE(remaining, 0.02 - 0.005 + 1e-9);
+  EXPECT_GE(remaining, 0.02 - elapsed - 1e-9);
+}
+
+TEST(LibeventTimerControl, ADelayBeyondAnyLimitLeavesTheTimerDisarmed) {
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
+  for (const double delay : {1e15, 1e30, infinity, std::numeric_limits<double>::max()}) {
+    timer->setTimeout(1.0);
+    timer->setTimeout(delay);
+    EXPECT_EQ(infinity, timer->remainingTimeout()) << delay;
+  }
+  // Disarmed, not due: a pass of the loop does not run it.
+  Platform::doEventLoop(0.0);
+  EXPECT_EQ(0, handler.timeouts);
+}
+
 TEST(LibeventTimerControl, RemainingTimeIsZeroOnceDueButNotDelivered) {
   TestTimeoutHandler handler;
   Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);

@@ -3,9 +3,21 @@
 //
 // Each thread that uses the platform gets its own event_base at first use
 // (first control made, first loop run, or leInit()), with two priorities and
-// edge-triggered support, on libevent's monotonic clock read precisely and
-// without a per-iteration cache, so that its timeouts and Kesto::time() agree.
+// edge-triggered support. The base reads libevent's coarse monotonic clock;
+// timeouts are lengthened by the coarse clock's lag, so that none fires
+// before Kesto::time() says it is due.
+//
 // The base stays until leFree(); controls are safe to destroy after it.
+// Ending the thread does not free it: a thread that used the platform must
+// call leFree() before it ends, or its base and the descriptors the base
+// holds (four on Linux: epoll, a pipe for signals, an eventfd for
+// wake-ups) stay open until the process exits. A program that starts and
+// ends threads runs out of descriptors that way.
+//
+// Time-outs of the loop functions, in seconds: NaN is a programming error
+// and asserts before anything happens; a negative one is zero (one pass over
+// what is due); from 1e15 on, and +infinity, there is no limit, and the loop
+// runs for as long as it has anything to wait for.
 //
 // Platform::... functions of Kesto/Platform/Platform.h forward to the le... and
 // doLe... functions here.
@@ -46,7 +58,9 @@ KESTO_EXPORT void leRegisterBase(event_base* base);
 KESTO_EXPORT void leInit();
 KESTO_EXPORT bool leInitialized() noexcept;
 KESTO_EXPORT void setMainThread();
-// Frees the thread's base, if any.
+// Frees the thread's base, if any, and with it the base's descriptors. Call
+// it on every thread that used the platform before the thread ends: thread
+// exit does not free the base.
 KESTO_EXPORT void leFree();
 // For a forked child: reinitialises the base (or makes one). Never called by
 // the library itself.
@@ -60,7 +74,7 @@ KESTO_EXPORT void doLeEventLoop();
 KESTO_EXPORT void doLeEventLoop(double timeout);
 KESTO_EXPORT void doLeEventLoopInWaitfor(double maxTimeout);
 // Dispatches until a timer of `timeout` seconds at default priority breaks
-// the loop.
+// the loop; without a limit, until nothing is left to wait for.
 KESTO_EXPORT void eventLoopTimeout(double timeout);
 
 // Default seconds to wait for a condition: WAITFOR_DEFAULT when set and
@@ -86,7 +100,9 @@ KESTO_EXPORT void applyFastForwardDelta(const timeval* delta);
 // untouched, when nothing is pending. Asserts when the mode is off.
 KESTO_EXPORT bool fastForwardDelayToFirstTimer(timeval* delay);
 // One jump, to the first timer or by `maxTimeout` if that is nearer, then
-// one pass of the loop that runs what became due and never blocks.
+// one pass of the loop that runs what became due and never blocks. A
+// negative `maxTimeout` jumps nothing; without a limit and without a timer
+// the clock stays where it is. Asserts on NaN.
 KESTO_EXPORT void eventLoopFastForwardToFirstTimer(double maxTimeout);
 
 } // namespace Kesto

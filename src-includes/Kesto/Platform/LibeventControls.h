@@ -35,10 +35,15 @@ public:
   LibeventTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority);
   ~LibeventTimerControl() override;
 
-  // The value is not validated: seconds are split into whole seconds and
-  // microseconds, both truncated.
+  // Seconds are split into whole seconds and microseconds, both truncated.
+  // A delay of 1e15 seconds or more (+infinity and NaN too) never expires:
+  // the timer is left disarmed. A negative delay is due at once.
   void setTimeout(double seconds) override;
   void delTimeout() override;
+  // Counted on Kesto::time() from the arming: never more than the delay
+  // given, less the time gone by since (virtual time included); 0.0 once
+  // due; +infinity when not armed. The few microseconds by which the timer
+  // is lengthened so that it never fires early do not show.
   double remainingTimeout() const override;
 
   // Delivers one expiry to the handler; called from libevent.
@@ -56,6 +61,11 @@ protected:
 
   Platform::EventPriority priority_;
   struct event event_;
+  // The last positive delay asked for and Kesto::time() at its arming, for
+  // remainingTimeout(). A zero or negative delay sets delay_ to 0.0 only,
+  // and reads no clock: the deferred callback's path.
+  double delay_ = 0.0;
+  double armedAt_ = 0.0;
 };
 
 class KESTO_EXPORT LibeventCallbackControl final : public Platform::CallbackControl {

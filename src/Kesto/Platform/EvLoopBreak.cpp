@@ -2,14 +2,20 @@
 #include "Platform/LibeventBase.h"
 #include <Kesto/Debug/Trace.h>
 
+#include <optional>
+
 namespace Kesto {
 
 EvLoopBreak::EvLoopBreak(double timeout) {
   KESTO_TRACE(Debug::kestoLibevent, 8, "Kesto", "{} timeout {}", DisplayPointer(this), timeout);
   event_assign(&event_, ev_base, -1, 0, EvLoopBreak::handleBaseLoopBreak, this);
   eventPrioritySet(&event_, Platform::eventPriorityDefault);
-  const timeval tv = Platform::Impl::forBaseClock(Platform::Impl::secondsToTimeval(timeout));
-  event_add(&event_, &tv);
+  // Without a limit the break is never added, and the loop runs for as long
+  // as it has anything to wait for.
+  if (const std::optional<timeval> tv = Platform::Impl::secondsToTimeval(timeout)) {
+    const timeval onBaseClock = Platform::Impl::forBaseClock(*tv);
+    event_add(&event_, &onBaseClock);
+  }
 }
 
 EvLoopBreak::~EvLoopBreak() {

@@ -7,6 +7,8 @@
 #include "Platform/LibeventExtensionsImpl.h"
 #include <Kesto/Debug/Trace.h>
 
+#include <cmath>
+#include <optional>
 #include <unordered_set>
 
 namespace Kesto {
@@ -21,11 +23,6 @@ std::unordered_set<void (*)()>& fastForwardChangeNotifiers() {
   static std::unordered_set<void (*)()> notifiers;
   return notifiers;
 }
-
-// Past this many seconds a limit is no limit: the conversion to a timeval
-// would overflow, and an endless wait with nothing pending must not move
-// the clock to the end of time.
-constexpr double unlimitedSeconds = 1e15;
 
 // The extra delay that makes the first timer surely due after the jump.
 constexpr timeval extraDelay{0, 100};
@@ -91,23 +88,42 @@ bool fastForwardDelayToFirstTimer(timeval* delay) {
 }
 
 void eventLoopFastForwardToFirstTimer(double maxTimeout) {
-  KESTO_TRACE(Debug::kestoLibevent, 5, "Kesto", "maxTimeout {}", maxTimeout);
   KESTO_ASSERT(fastForward, "Kesto", "Called without fastForward enabled");
-  const bool limited = maxTimeout < unlimitedSeconds;
-  const timeval limit = limited ? Platform::Impl::secondsToTimeval(maxTimeout) : timeval{0, 0};
+  KESTO_ASSERT(!std::isnan(maxTimeout), "Kesto", "maxTimeout is NaN");
+  Platform::Impl::fastForwardTurn(maxTimeout);
+}
+
+namespace Platform::Impl {
+
+bool fastForwardTurn(double maxTimeout) {
+  KESTO_TRACE(Debug::kestoLibevent, 5, "Kesto", "maxTimeout {}", maxTimeout);
+  // Virtual time does not go back: a negative limit allows no jump. From
+  // unlimitedSeconds on there is no limit.
+  const std::optional<timeval> limit = secondsToTimeval(maxTimeout > 0.0 ? maxTimeout : 0.0);
   timeval delay;
-  timeval jump;
-  if (fastForwardDelayToFirstTimer(&delay))
-    jump = !limited || timercmp(&delay, &limit, <) ? delay : limit;
-  else
-    // With no timer the clock goes straight to the end of the allowed time.
-    jump = limit;
-  applyFastForwardDelta(&jump);
+  const bool timerPending = fastForwardDelayToFirstTimer(&delay);
+  bool waitIsOver = true;
+  if (timerPending && (!limit || timercmp(&delay, &*limit, <))) {
+    // Even a zero jump is applied: a timer due on CLOCK_MONOTONIC may not be
+    // due yet on the base's coarse clock, and the shift makes it due there.
+    applyFastForwardDelta(&delay);
+    waitIsOver = false;
+  } else if (limit) {
+    // With no timer before it, the clock goes straight to the end of the
+    // allowed time.
+    applyFastForwardDelta(&*limit);
+  }
+  // Otherwise nothing is pending and there is no limit: an endless wait with
+  // nothing to wait for leaves the clock where it is.
+
   // One pass over what has become due; the zero-delay break keeps it from
   // blocking.
   EvLoopBreak loopBreak(0.0);
-  Platform::Impl::dispatch();
+  dispatch();
+  return waitIsOver;
 }
+
+} // namespace Platform::Impl
 
 namespace Platform {
 
@@ -117,7 +133,13 @@ void setFastForward(bool on) { setLeFastForward(on); }
 
 void fastForwardBy(double seconds) {
   KESTO_ASSERT(leFastForward(), "Kesto::Platform", "fast-forwarding disabled");
-  const timeval delta = Impl::secondsToTimeval(seconds);
+  // Refused before anything moves. The sign is not checked: a negative jump
+  // moves the clock and the timers back.
+  KESTO_ASSERT(std::isfinite(seconds), "Kesto::Platform", "cannot fast forward by {} seconds: not a finite number",
+               seconds);
+  KESTO_ASSERT(std::fabs(seconds) < Impl::unlimitedSeconds, "Kesto::Platform",
+               "cannot fast forward by {} seconds: a jump must stay below 1e15 seconds either way", seconds);
+  const timeval delta = *Impl::secondsToTimeval(seconds);
   applyFastForwardDelta(&delta);
 }
 

@@ -11,12 +11,28 @@
 
 #include <cmath>
 #include <exception>
+#include <optional>
 
 namespace Kesto::Platform::Impl {
 
+// From this many seconds on (about 31 million years) a delay is no limit at
+// all. Below it a timeval holds the value with room to spare, and libevent's
+// sums of such a value and its clock cannot overflow; beyond it they could,
+// and the conversion to time_t is undefined from about 9.2e18 on.
+constexpr double unlimitedSeconds = 1e15;
+
 // Seconds as a timeval: whole seconds truncated, then the fraction's
-// microseconds truncated. Values are not validated.
-inline timeval secondsToTimeval(double seconds) noexcept {
+// microseconds truncated. Every conversion of seconds in the backend goes
+// through here, and it saturates instead of overflowing: from
+// unlimitedSeconds on, and for +infinity and NaN, the answer is "no limit"
+// (nullopt); at or below -unlimitedSeconds it is -unlimitedSeconds, which is
+// as far in the past as anything needs to be. The callers decide what no
+// limit means to them; those that must refuse NaN check before calling.
+inline std::optional<timeval> secondsToTimeval(double seconds) noexcept {
+  if (!(seconds < unlimitedSeconds))
+    return std::nullopt;
+  if (seconds < -unlimitedSeconds)
+    seconds = -unlimitedSeconds;
   timeval tv;
   tv.tv_sec = static_cast<time_t>(seconds);
   tv.tv_usec = static_cast<suseconds_t>((seconds - static_cast<double>(tv.tv_sec)) * 1000000);
@@ -107,6 +123,14 @@ inline bool eventOnLiveBase(const event* ev) noexcept {
 void handlerThrew(std::exception_ptr exception) noexcept;
 // event_base_dispatch on the thread's base, then the rethrow above.
 void dispatch();
+
+// One turn of the loop under fast forward: one jump of virtual time, to the
+// first pending timer or by `maxTimeout` if that is nearer, then one pass that
+// runs what became due and never blocks. A negative limit allows no jump;
+// from unlimitedSeconds on there is none. True when the wait is over: the
+// jump went to the full limit, or there is no limit and no timer is left to
+// wait for (then the clock stays where it is). NaN is the caller's to refuse.
+bool fastForwardTurn(double maxTimeout);
 
 // Runs after each handler that returned normally.
 inline void afterHandler() { Publisher::runDeferredOps(); }

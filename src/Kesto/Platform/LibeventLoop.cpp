@@ -6,6 +6,7 @@
 #include <Kesto/Debug/Trace.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
@@ -34,6 +35,7 @@ void dispatch() {
 } // namespace Platform::Impl
 
 void eventLoopTimeout(double timeout) {
+  KESTO_ASSERT(!std::isnan(timeout), "Kesto", "timeout is NaN");
   KESTO_TRACE(Debug::kestoLibevent, 5, "Kesto", "timeout {}", timeout);
   EvLoopBreak loopBreak(timeout);
   Platform::Impl::dispatch();
@@ -49,6 +51,7 @@ void doLeEventLoop() {
 }
 
 void doLeEventLoop(double timeout) {
+  KESTO_ASSERT(!std::isnan(timeout), "Kesto", "timeout is NaN");
   KESTO_TRACE(Debug::kestoLibevent, 5, "Kesto", "timeout {}", timeout);
   if (!ev_base)
     leInit();
@@ -56,17 +59,23 @@ void doLeEventLoop(double timeout) {
     eventLoopTimeout(timeout);
     return;
   }
-  // Jump from timer to timer until the virtual clock reaches the end; the
-  // body runs at least once, so a zero timeout still makes one pass.
+  // Jump from timer to timer until a jump reaches the end, or, without a
+  // limit, until no timer is left to wait for. The body runs at least once,
+  // so a zero or negative timeout still makes one pass (and jumps nothing).
+  // Whether there is a limit is decided once, on the timeout itself: the
+  // difference of two readings of a clock that far out may round either way.
+  const bool limited = timeout < Platform::Impl::unlimitedSeconds;
   double now = time();
-  const double end = now + timeout;
-  do {
-    eventLoopFastForwardToFirstTimer(end - now);
+  const double end = now + (timeout > 0.0 ? timeout : 0.0);
+  while (!Platform::Impl::fastForwardTurn(limited ? end - now : timeout)) {
     now = time();
-  } while (end > now);
+    if (!(end > now))
+      break;
+  }
 }
 
 void doLeEventLoopInWaitfor(double maxTimeout) {
+  KESTO_ASSERT(!std::isnan(maxTimeout), "Kesto", "maxTimeout is NaN");
   KESTO_TRACE(Debug::kestoLibevent, 5, "Kesto", "maxTimeout {}", maxTimeout);
   if (!ev_base)
     leInit();

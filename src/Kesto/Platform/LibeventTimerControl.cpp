@@ -1,12 +1,14 @@
 #include <Kesto/Platform/LibeventControls.h>
 #include "Platform/LibeventExtensionsImpl.h"
 #include <Kesto/Debug/Trace.h>
+#include <Kesto/Platform/Time.h>
 
 #include <ZuSlab/Allocator.h>
 
+#include <algorithm>
 #include <cstddef>
-
 #include <limits>
+#include <optional>
 
 namespace Kesto {
 
@@ -38,10 +40,22 @@ LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler, Pl
 LibeventTimerControl::~LibeventTimerControl() { LibeventTimerControl::delTimeout(); }
 
 void LibeventTimerControl::setTimeout(double seconds) {
-  const timeval tv = Platform::Impl::secondsToTimeval(seconds);
+  const std::optional<timeval> tv = Platform::Impl::secondsToTimeval(seconds);
   // Our own removal, called directly: it inlines into this hot path.
   LibeventTimerControl::delTimeout();
   KESTO_TRACE(Debug::kestoLibevent, 9, "Kesto", "Timer {} set timeout {}", DisplayPointer(this), seconds);
+  // Beyond any limit: a timer that never expires is a timer left disarmed.
+  if (!tv) [[unlikely]]
+    return;
+  // For remainingTimeout(). Read before the lengthening below measures the
+  // clocks, so that the arming moment is no later than the one the
+  // lengthening counts from. A zero delay reads no clock.
+  if (seconds > 0.0) {
+    armedAt_ = time();
+    delay_ = seconds;
+  } else {
+    delay_ = 0.0;
+  }
   // Assigned anew on every arming, on the calling thread's base, unless the
   // idle event already carries exactly that assignment: re-arming a timer
   // from its own handler (the deferred callback's chain) then costs no more
@@ -50,7 +64,7 @@ void LibeventTimerControl::setTimeout(double seconds) {
     event_assign(&event_, ev_base, -1, 0, handleTimeout, this);
     eventPrioritySet(&event_, priority_);
   }
-  const timeval onBaseClock = Platform::Impl::forBaseClock(tv);
+  const timeval onBaseClock = Platform::Impl::forBaseClock(*tv);
   event_add(&event_, &onBaseClock);
 }
 
@@ -65,11 +79,12 @@ void LibeventTimerControl::delTimeout() {
 double LibeventTimerControl::remainingTimeout() const {
   if (!pending())
     return std::numeric_limits<double>::infinity();
-  // Measured against the base's own present time, in the clock event_pending
-  // reports expiries in (the base's clock shifted by an offset to the wall
-  // clock that libevent re-samples now and then), then corrected by how far
-  // the base's clock trails CLOCK_MONOTONIC. A direct wall clock reading
-  // would be off by whatever the clocks drifted since libevent's sample.
+  // What the event itself says: measured against the base's own present
+  // time, in the clock event_pending reports expiries in (the base's clock
+  // shifted by an offset to the wall clock that libevent re-samples now and
+  // then), then corrected by how far the base's clock trails
+  // CLOCK_MONOTONIC. A direct wall clock reading would be off by whatever the
+  // clocks drifted since libevent's sample.
   const Platform::Impl::NowProbe probe(ev_base);
   timeval expiry;
   event_pending(&event_, EV_TIMEOUT, &expiry);
@@ -81,7 +96,18 @@ double LibeventTimerControl::remainingTimeout() const {
     return 0.0;
   timeval left;
   timersub(&expiry, &now, &left);
-  return double(left.tv_sec) + double(left.tv_usec) / 1000000;
+  double remaining = double(left.tv_sec) + double(left.tv_usec) / 1000000;
+  // The event expires later than asked by the lengthening of forBaseClock(),
+  // which must not show here: counted from the arming on Kesto::time(), the
+  // remaining time is the delay less what has gone by. A jump of virtual
+  // time moves the clock and the event alike. The smaller answer wins, so
+  // that an event moved earlier by other means (or due on the base's clock)
+  // is reported as it is. Written as the delay less the elapsed time, which
+  // is never negative while the clock only goes forward, the answer cannot
+  // exceed the delay through a rounding.
+  if (delay_ > 0.0)
+    remaining = std::min(remaining, delay_ - (time() - armedAt_));
+  return remaining > 0.0 ? remaining : 0.0;
 }
 
 bool LibeventTimerControl::alreadyAssigned() const noexcept {
