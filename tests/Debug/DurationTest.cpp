@@ -87,3 +87,13 @@ TEST(Duration, FormattersAndStreamWriteTheSameText) {
   EXPECT_EQ(fmt::format("{}", TaskDurationMs::max()), "71582min");
   EXPECT_EQ(Kesto::fmtracestr(false, nullptr, "f", "g", 1, "took {}", 42ns), "took 42ns");
 }
+
+// Other chrono durations go in as they are, written as their nanoseconds.
+TEST(Duration, OtherDurationTypesAreWrittenAsNanoseconds) {
+  EXPECT_EQ(durationToString(std::chrono::milliseconds(5)), "5ms");
+  EXPECT_EQ(durationToString(std::chrono::milliseconds(-5)), "-5000000ns");
+  EXPECT_EQ(durationToString(std::chrono::seconds(90)), "90s");
+  EXPECT_EQ(durationToString(std::chrono::microseconds(1500)), "1ms");
+  EXPECT_EQ(durationToString(std::chrono::minutes(2)), "120s");
+  EXPECT_EQ(durationToString(std::chrono::duration<double>(0.25)), "250ms");
+}

@@ -73,3 +73,24 @@ TEST(PriorityRange, QueueCountsRefuseAPriorityOutOfRange) {
   EXPECT_EQ(0u, s->runnableTaskCount(TaskPriority::scavenge));
   EXPECT_EQ(0u, s->runTaskCount(TaskPriority::scavenge));
 }
+
+// A queued task asked to move beyond scavenge is refused before it leaves its
+// queue: its priority, its place and every per-priority count stay.
+TEST(PriorityRange, PriorityChangeRefusesAPriorityOutOfRange) {
+  auto s = TestScheduler::rootIs("rangeChange");
+  auto t = taskIs(s, TaskPriority::low, "moving");
+  t->scheduleTask();
+  for (const unsigned v : {unsigned(TaskPriority::oneBeyondLast), 200u}) {
+    EXPECT_EQ(fmt::format("TaskScheduler::failPriority() invalidPriority={}", v),
+              assertMessage(assertText([&] { t->taskPriorityIs(TaskPriority(v)); })));
+    EXPECT_EQ(TaskPriority::low, t->taskPriority());
+    EXPECT_TRUE(t->taskScheduled());
+    EXPECT_EQ(1u, s->tasksPerPriority(TaskPriority::low));
+    EXPECT_EQ(1u, s->runnableTaskCount(TaskPriority::low));
+  }
+  // The last real priority is accepted and moves the task.
+  t->taskPriorityIs(TaskPriority::scavenge);
+  EXPECT_EQ(TaskPriority::scavenge, t->taskPriority());
+  EXPECT_EQ(1u, s->runnableTaskCount(TaskPriority::scavenge));
+  t->unscheduleTask();
+}

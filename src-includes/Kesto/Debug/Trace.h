@@ -127,6 +127,12 @@ struct KESTO_EXPORT DisplayPointer {
 // as it comes out; its largest value, 4294967295 ms, reads "71582min".
 KESTO_EXPORT String durationToString(std::chrono::nanoseconds duration);
 KESTO_EXPORT String durationToString(std::chrono::duration<std::uint32_t, std::milli> duration);
+// Any other duration (std::chrono::milliseconds, seconds, ...) is written as
+// its value in nanoseconds, truncated toward zero.
+template <class Rep, class Period>
+String durationToString(std::chrono::duration<Rep, Period> duration) {
+  return durationToString(std::chrono::duration_cast<std::chrono::nanoseconds>(duration));
+}
 
 // The same text on a stream, for code of this namespace (it is preferred to
 // the standard library's own output of durations there).

@@ -64,7 +64,8 @@ public:
 
   // Starts (or moves) the timer to fire `timeout` seconds from now; a
   // negative value makes it due at once. Setting the same exact expiry again
-  // does nothing.
+  // does nothing. A timeout that is not a number asserts "timer {} expiry is
+  // not a number (timeout {})" before anything changes.
   void setTimeout(const std::shared_ptr<TimerWheel>& wheel, double timeout);
   // Stops the timer; nothing if it is not running.
   void delTimeout(const std::shared_ptr<TimerWheel>& wheel);

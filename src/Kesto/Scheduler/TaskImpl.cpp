@@ -306,6 +306,8 @@ void TaskImpl::taskPriorityIs(TaskPriority priority) {
   if (priority == taskPriority_)
     return;
   TaskScheduler& s = *taskScheduler_;
+  // Before anything moves: a priority beyond scavenge has no run queue.
+  s.checkPriority(priority);
   s.validateTaskPriority(priority);
   const bool wasQueued = runQueueLink_.is_linked();
   if (wasQueued)

@@ -197,24 +197,21 @@ void TimerTask::_scheduleTaskLowestDelay(Delay delay) {
   refuseDelayNotANumber(*this, delay, __func__);
   // Unlike scheduleTaskDelay, an endless delay cannot mean "stop" here: a
   // lowest-delay request never postpones what is already due.
-  if (isEndless(delay)) [[unlikely]]
-    fmassert(Debug::taskScheduler, className, __FILE__, __func__, __LINE__, "delayIntoFuture: {}", delay);
+  KESTO_ASSERT_H(Debug::taskScheduler, !isEndless(delay), className, "delayIntoFuture: {}", delay);
   scheduleTaskDelayedPrivate(delay, false);
 }
 
 template <typename Delay>
 Delay TimerTask::jitterOffset(Delay delay, unsigned char maxJitterPercentage) {
-  if (maxJitterPercentage > 100) [[unlikely]]
-    fmassert(Debug::taskScheduler, className, __FILE__, __func__, __LINE__, "maxJitterPercentage: {} > 100",
-             char(maxJitterPercentage));
+  KESTO_ASSERT_H(Debug::taskScheduler, maxJitterPercentage <= 100, className, "maxJitterPercentage: {} > 100",
+                 char(maxJitterPercentage));
   const unsigned int r = unsigned(rand_r(taskScheduler_->taskSchedulerRoot()->jitterSeed()));
   const unsigned int step = r / jitterStepDivisor;
   const Delay offset = scaledOffset(step, maxJitterPercentage, delay);
   // Written so that an offset that is not a number fails too: with a delay
   // beyond the double's range over 100, a step of 0 makes 0 * inf.
-  if (!(offset <= delay)) [[unlikely]]
-    fmassert(Debug::taskScheduler, className, __FILE__, __func__, __LINE__, "offset( {} ) > delayIntoFuture( {} )",
-             offset, delay);
+  KESTO_ASSERT_H(Debug::taskScheduler, offset <= delay, className, "offset( {} ) > delayIntoFuture( {} )", offset,
+                 delay);
   return offset;
 }
 
