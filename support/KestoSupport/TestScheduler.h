@@ -69,8 +69,7 @@ public:
     ++threadChecks;
     if (root_)
       return TaskScheduler::sanityCheckCurrentRunningThread();
-    if (std::this_thread::get_id() != threadId_) [[unlikely]]
-      KESTO_FAIL("TestScheduler", "Executing in wrong thread");
+    KESTO_ASSERT(std::this_thread::get_id() == threadId_, "TestScheduler", "Executing in wrong thread");
   }
   bool virtualTime() const override { return root_ ? TaskScheduler::virtualTime() : virtualTimeOn; }
   unsigned char taskTestYieldRatio() const override {

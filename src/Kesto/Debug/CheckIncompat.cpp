@@ -15,8 +15,7 @@ void checkIncompat() {
   // Read through the address the dynamic linker resolved, never through a
   // copy the compiler may have folded.
   const volatile int32_t* flag = &platformLibPresenceFlag;
-  if (*flag != 2)
-    KESTO_FAIL("Kesto", "a library incompatible with Kesto has been loaded");
+  KESTO_ASSERT(*flag == 2, "Kesto", "a library incompatible with Kesto has been loaded");
   // Makes this library's symbols part of global resolution even when it was
   // loaded with RTLD_LOCAL; the handle is kept for the life of the process.
   Dl_info info;

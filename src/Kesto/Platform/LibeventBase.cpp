@@ -45,9 +45,9 @@ event_base* leCreateBase() {
 }
 
 void leRegisterBase(event_base* base) {
-  if (ev_base && ev_base != base) [[unlikely]]
-    KESTO_FAIL("Kesto", "Tried to register a base:{} but a thread_local  base already exists: {}",
-               DisplayPointer(base), DisplayPointer(ev_base));
+  KESTO_ASSERT(!ev_base || ev_base == base, "Kesto",
+               "Tried to register a base:{} but a thread_local  base already exists: {}", DisplayPointer(base),
+               DisplayPointer(ev_base));
   ev_base = base;
   mainThread = isMainThread();
 }
@@ -78,8 +78,7 @@ void leForkReinit() {
 void eventPrioritySet(event* ev, Platform::EventPriority priority) {
   KESTO_TRACE(Debug::kestoLibevent, 9, "Kesto", "Setting priority of {} to {}", DisplayPointer(ev), priority);
   const int rc = event_priority_set(ev, priority);
-  if (rc != 0) [[unlikely]]
-    KESTO_FAIL("Kesto", "Failed to set priority on {} to {} rc {}", DisplayPointer(ev), priority, rc);
+  KESTO_ASSERT(rc == 0, "Kesto", "Failed to set priority on {} to {} rc {}", DisplayPointer(ev), priority, rc);
 }
 
 void le_debug_cb(int severity, const char* message) {

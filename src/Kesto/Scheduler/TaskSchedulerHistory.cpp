@@ -43,8 +43,7 @@ constexpr const char* eventTypeTexts[TaskSchedulerEventType::count] = {
 } // namespace
 
 const char* TaskSchedulerEventType::eventTypeDisplay() const {
-  if (value_ >= count) [[unlikely]]
-    KESTO_FAIL(className, "unexpected eventType {}", unsigned(value_));
+  KESTO_ASSERT(value_ < count, className, "unexpected eventType {}", unsigned(value_));
   return eventTypeTexts[value_];
 }
 
@@ -66,9 +65,9 @@ void TaskSchedulerHistory::Event::eventNotTaskEvent(TaskSchedulerEventType type)
 const String& TaskSchedulerHistory::Event::eventIdentifier() const {
   // The ring outlives the tasks it names: only a text held in place or in
   // the never-freed deduplication table is safe to keep without an owner.
-  if (!identifier.isShort() && !identifier.isDedup()) [[unlikely]]
-    KESTO_FAIL(className, "EventType: {} identifier {} is neither short string optimized nor deduped",
-               eventTypeDisplay(), identifier);
+  KESTO_ASSERT(identifier.isShort() || identifier.isDedup(), className,
+               "EventType: {} identifier {} is neither short string optimized nor deduped", eventTypeDisplay(),
+               identifier);
   return identifier;
 }
 

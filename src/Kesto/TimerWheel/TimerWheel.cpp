@@ -60,9 +60,7 @@ static_assert(sizeof(timeout_list) == sizeof(TimerWheel::TimersAtTimeout) &&
 TimerWheel::TimersAtTimeout::TimersAtTimeout() noexcept { timeout_list_init(new (head_) timeout_list); }
 
 TimerWheel::TimersAtTimeout::~TimersAtTimeout() noexcept(false) {
-  if (!empty()) [[unlikely]]
-    fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "~TimersAtTimeout", __LINE__,
-             "Destroyed while non-empty");
+  KESTO_ASSERT_H(Debug::kestoTimerWheel, empty(), "TimersAtTimeout", "Destroyed while non-empty");
 }
 
 TimerWheelEvent* TimerWheel::TimersAtTimeout::front() const noexcept {
@@ -72,17 +70,15 @@ TimerWheelEvent* TimerWheel::TimersAtTimeout::front() const noexcept {
 
 void TimerWheel::TimersAtTimeout::pushBack(TimerWheelEvent* event) {
   struct timeout* entry = entryOf(event);
-  if (entry->pending) [[unlikely]]
-    fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "pushBack", __LINE__, "pending set to {}",
-             DisplayPointer(entry->pending));
+  KESTO_ASSERT_H(Debug::kestoTimerWheel, !entry->pending, "TimersAtTimeout", "pending set to {}",
+                 DisplayPointer(entry->pending));
   timeout_list_insert_tail(list(), entry);
 }
 
 void TimerWheel::TimersAtTimeout::unlink(TimerWheelEvent* event) {
   struct timeout* entry = entryOf(event);
-  if (entry->pending != list()) [[unlikely]]
-    fmassert(Debug::kestoTimerWheel, "TimersAtTimeout", __FILE__, "unlink", __LINE__, "Event {} linked to {}",
-             DisplayPointer(event), DisplayPointer(entry->pending));
+  KESTO_ASSERT_H(Debug::kestoTimerWheel, entry->pending == list(), "TimersAtTimeout", "Event {} linked to {}",
+                 DisplayPointer(event), DisplayPointer(entry->pending));
   timeout_list_remove(list(), entry);
 }
 
@@ -157,13 +153,10 @@ void TimerWheel::timerStop(TimerWheelEvent* event) {
 
 void TimerWheel::timersExpiryingSoonRemove(TimerWheelEvent* event) {
   const TimerWheelState state = event->state();
-  if (state != TimerWheelState::inTimersExpiryingSoon) [[unlikely]]
-    fmassert(Debug::kestoTimerWheel, "TimerWheel", __FILE__, "timersExpiryingSoonRemove", __LINE__,
-             "Removing from timersExpiryingSoon in state {}", state);
+  KESTO_ASSERT_H(Debug::kestoTimerWheel, state == TimerWheelState::inTimersExpiryingSoon, "TimerWheel",
+                 "Removing from timersExpiryingSoon in state {}", state);
   struct timeout* entry = entryOf(event);
-  if (!entry->pending) [[unlikely]]
-    fmassert(Debug::kestoTimerWheel, "TimerWheel", __FILE__, "timersExpiryingSoonRemove", __LINE__,
-             "No timersAtTimeout");
+  KESTO_ASSERT_H(Debug::kestoTimerWheel, entry->pending, "TimerWheel", "No timersAtTimeout");
   // The head is needed only when the event is the last of its list. The
   // node stays, possibly empty: processing and setMasterTimer skip it.
   timeout_list_remove(entry->pending, entry);

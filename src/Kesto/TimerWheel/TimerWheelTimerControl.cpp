@@ -6,9 +6,8 @@ namespace Kesto {
 
 TimerWheelTimerControl::~TimerWheelTimerControl() noexcept {
   wheel_.reset();
-  if (state() != TimerWheelState::notLinked) [[unlikely]]
-    fmassert(Debug::kestoTimerWheel, "TimerWheelEvent", __FILE__, "~TimerWheelTimerControl", __LINE__,
-             "TimerWheelEvent {} destroyed while {}", DisplayPointer(static_cast<TimerWheelEvent*>(this)), state());
+  KESTO_ASSERT_H(Debug::kestoTimerWheel, state() == TimerWheelState::notLinked, "TimerWheelEvent",
+                 "TimerWheelEvent {} destroyed while {}", DisplayPointer(static_cast<TimerWheelEvent*>(this)), state());
 }
 
 namespace Platform {
