@@ -42,7 +42,13 @@ std::vector<Symbol> dynamicSymbols(const std::string& library) {
     // "0000000000012340 T name" or "                 w name"
     if (line.size() < 20 || line[16] != ' ' || line[18] != ' ')
       continue;
-    symbols.push_back({line[17], line.substr(19)});
+    std::string name = line.substr(19);
+    // AddressSanitizer gives each exported variable a companion symbol of
+    // its own ("__odr_asan." and the variable's mangled name); the variable
+    // itself is checked.
+    if (name.rfind("__odr_asan", 0) == 0)
+      continue;
+    symbols.push_back({line[17], std::move(name)});
   }
   pclose(pipe);
   return symbols;
