@@ -32,6 +32,7 @@
 #include <Kesto/TimerWheel/TimerWheel.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 #include <Kesto/TimerWheel/TimerWheelState.h>
+#include <Kesto/Util/DirNode.h>
 #include <Kesto/Util/FileLock.h>
 #include <Kesto/Util/FileUtil.h>
 #include <Kesto/Util/TextEncoding.h>
