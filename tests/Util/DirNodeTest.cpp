@@ -329,8 +329,8 @@ TEST_F(DirNodeTest, NodesCloseTheirDirectoriesAndTraceAtLevelNine) {
 
 // --- a walk of a tree -------------------------------------------------------------------------------
 
-// A walk made of nodes finds what the file system says is there, and holds
-// only as many descriptors as the tree is deep.
+// Both walks made of nodes find what the file system says is there, and
+// leave no descriptor open.
 TEST_F(DirNodeTest, WalkOfATreeFindsEveryFileOfTheExtension) {
   std::set<std::string> expected;
   for (int a = 0; a < 5; ++a)
@@ -347,16 +347,33 @@ TEST_F(DirNodeTest, WalkOfATreeFindsEveryFileOfTheExtension) {
     }
   writeFile(dir / "top.log", "");
   expected.insert(dir / "top.log");
-  const int before = openDescriptorCount();
-  const std::vector<Kesto::String> found = walkFiles(*handler, dir.path(), ".log");
-  EXPECT_EQ(before, openDescriptorCount());
-  std::set<std::string> got;
-  for (const Kesto::String& path : found)
-    got.insert(path.str());
-  EXPECT_EQ(found.size(), got.size());
-  EXPECT_EQ(expected, got);
+  for (auto walk : {walkFiles, walkFilesByFindFiles}) {
+    const int before = openDescriptorCount();
+    const std::vector<Kesto::String> found = walk(*handler, dir.path(), ".log");
+    EXPECT_EQ(before, openDescriptorCount());
+    std::set<std::string> got;
+    for (const Kesto::String& path : found)
+      got.insert(path.str());
+    EXPECT_EQ(found.size(), got.size());
+    EXPECT_EQ(expected, got);
+  }
+}
+
+TEST_F(DirNodeTest, MatchesExtensionTakesWhatFindFilesTakes) {
+  fillMixedDirectory();
+  DirNode node(*handler, dir.path(), nullptr);
+  for (const char* extension : {".log", "", "og", ".txt", ".log.1", "a.log", "nothing"}) {
+    Names matched;
+    node.rewind();
+    while (const dirent* entry = node.readEntry())
+      if (DirNode::matchesExtension(*entry, extension))
+        matched.push_back(entry->d_name);
+    std::sort(matched.begin(), matched.end());
+    EXPECT_EQ(sorted(node.findFiles(extension)), matched) << extension;
+  }
 }
 
 TEST_F(DirNodeTest, WalkOfAMissingRootFindsNothing) {
   EXPECT_TRUE(walkFiles(*handler, dir / "missing", ".log").empty());
+  EXPECT_TRUE(walkFilesByFindFiles(*handler, dir / "missing", ".log").empty());
 }

@@ -55,6 +55,11 @@ public:
   // system reports as DT_UNKNOWN never match.
   std::vector<String> findFiles(const String& extension) const;
 
+  // Whether findFiles takes `entry` for `extension`: a regular file or a
+  // symbolic link whose name ends with it. For a walk that reads each
+  // directory once with readEntry, and so filters as it goes.
+  static bool matchesExtension(const struct dirent& entry, std::string_view extension) noexcept;
+
   bool isOpen() const noexcept { return dir_ != nullptr; }
 
   DIR* dir_ = nullptr;

@@ -79,6 +79,10 @@ void DirNode::rewind() const {
   ::rewinddir(dir_);
 }
 
+bool DirNode::matchesExtension(const struct dirent& entry, std::string_view extension) noexcept {
+  return isFileOrLink(entry.d_type) && std::string_view(entry.d_name).ends_with(extension);
+}
+
 std::vector<String> DirNode::findFiles(const String& extension) const {
   KESTO_TRACE(*this, 9, nodeClass, "path: {} extension: {}", path_, extension);
   if (!dir_)
