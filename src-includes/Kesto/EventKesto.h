@@ -32,6 +32,10 @@
 #include <Kesto/TimerWheel/TimerWheel.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 #include <Kesto/TimerWheel/TimerWheelState.h>
+#include <Kesto/Util/DirNode.h>
+#include <Kesto/Util/FileLock.h>
+#include <Kesto/Util/FileUtil.h>
+#include <Kesto/Util/TextEncoding.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 

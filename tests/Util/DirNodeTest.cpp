@@ -1,0 +1,379 @@
+// DirNode: opening, reading, rewinding and filtering one directory, the
+// traces of each, and a walk of a tree built from nodes.
+#include "UtilTestSupport.h"
+
+#include <KestoSupport/DirWalk.h>
+
+#include <algorithm>
+#include <set>
+#include <vector>
+
+using namespace KestoTest;
+using Kesto::DirNode;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using Names = std::vector<std::string>;
+
+std::string line(unsigned level, const char* function, const std::string& text) {
+  return "UtilTest " + std::to_string(level) + " DirNode::" + function + "() " + text;
+}
+
+template <typename Body>
+std::string runtimeText(Body&& body) {
+  try {
+    body();
+  } catch (const Kesto::RuntimeException& e) {
+    return e.what();
+  }
+  return "<no exception>";
+}
+
+Names sorted(const std::vector<Kesto::String>& names) {
+  Names result;
+  for (const Kesto::String& name : names)
+    result.push_back(name.str());
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+Names allEntries(const DirNode& node) {
+  Names names;
+  while (const dirent* entry = node.readEntry())
+    names.push_back(entry->d_name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+class DirNodeTest : public ::testing::Test {
+protected:
+  // a.log, b.log.1, c.log/ (a directory), d.log -> a.log, e.txt, .log,
+  // f.log -> missing (dangling), a fifo g.log.
+  void fillMixedDirectory() {
+    writeFile(dir / "a.log", "a");
+    writeFile(dir / "b.log.1", "b");
+    ASSERT_EQ(0, ::mkdir((dir / "c.log").c_str(), 0700));
+    ASSERT_EQ(0, ::symlink("a.log", (dir / "d.log").c_str()));
+    writeFile(dir / "e.txt", "e");
+    writeFile(dir / ".log", "");
+    ASSERT_EQ(0, ::symlink("missing", (dir / "f.log").c_str()));
+    ASSERT_EQ(0, ::mkfifo((dir / "g.log").c_str(), 0600));
+  }
+
+  ScratchDir dir;
+  Kesto::Ptr<Kesto::Platform::DebugHandler> handler = testHandler();
+};
+
+} // namespace
+
+// --- opening ----------------------------------------------------------------------------------------
+
+TEST_F(DirNodeTest, NodeWithoutAPathIsClosed) {
+  DirNode node(*handler);
+  EXPECT_FALSE(node.isOpen());
+  EXPECT_EQ(nullptr, node.dir_);
+  EXPECT_EQ(nullptr, node.parent_);
+  EXPECT_EQ("", node.path_);
+}
+
+TEST_F(DirNodeTest, NodeOpensItsPathAtConstruction) {
+  DirNode node(*handler, dir.path(), nullptr);
+  EXPECT_TRUE(node.isOpen());
+  EXPECT_EQ(dir.path(), node.path_);
+  EXPECT_EQ((Names{".", ".."}), allEntries(node));
+}
+
+TEST_F(DirNodeTest, MissingDirectoryTracesOnlyAtLevelNineAndStaysClosed) {
+  const std::string missing = dir / "missing";
+  TraceCapture trace({1, 5, 9}, *handler);
+  DirNode node(*handler, missing, nullptr);
+  EXPECT_FALSE(node.isOpen());
+  EXPECT_EQ((Lines{line(9, "DirNode", "path: " + missing), line(9, "openDir", "failed to open " + missing + " errno: 2")}),
+            trace.lines());
+}
+
+TEST_F(DirNodeTest, MissingDirectoryIsSilentBelowLevelNine) {
+  TraceCapture trace({0, 1, 5, 8}, *handler);
+  DirNode node(*handler, dir / "missing", nullptr);
+  EXPECT_EQ(Lines{}, trace.lines());
+}
+
+TEST_F(DirNodeTest, ClosedNodeReadsNullAndRefusesRewindAndFindFiles) {
+  const std::string missing = dir / "missing";
+  DirNode node(*handler, missing, nullptr);
+  TraceCapture trace({0, 5}, *handler);
+  EXPECT_EQ(nullptr, node.readEntry());
+  EXPECT_EQ("DirNode::rewind() cannot rewind " + missing + " because the directory is not open",
+            runtimeText([&] { node.rewind(); }));
+  EXPECT_EQ("DirNode::findFiles() cannot find .log files in " + missing + " because the directory is not open",
+            runtimeText([&] { node.findFiles(".log"); }));
+  EXPECT_EQ((Lines{line(5, "readEntry", "cannot read " + missing + " because the directory is not open"),
+                   line(0, "rewind", "cannot rewind " + missing + " because the directory is not open"),
+                   line(0, "findFiles", "cannot find .log files in " + missing + " because the directory is not open")}),
+            trace.lines());
+}
+
+// What a walk meets (ENOENT, ENOTDIR, and EACCES for users other than root)
+// is a level 9 detail.
+TEST_F(DirNodeTest, PathThatIsAFileOrGoesThroughOneIsALevelNineDetail) {
+  writeFile(dir / "plain", "");
+  TraceCapture trace({1, 9}, *handler);
+  DirNode file(*handler, dir / "plain", nullptr);
+  DirNode through(*handler, dir / "plain/below", nullptr);
+  DirNode empty(*handler, "", nullptr);
+  EXPECT_FALSE(file.isOpen());
+  EXPECT_FALSE(through.isOpen());
+  EXPECT_FALSE(empty.isOpen());
+  EXPECT_EQ((Lines{line(9, "openDir", "failed to open " + dir / "plain" + " errno: 20"),
+                   line(9, "openDir", "failed to open " + dir / "plain/below" + " errno: 20"),
+                   line(9, "openDir", "failed to open  errno: 2")}),
+            trace.linesWith("openDir"));
+}
+
+// Any other failure to open (here EMFILE) is a failure: level 1.
+TEST_F(DirNodeTest, OutOfDescriptorsOpenFailsAtLevelOne) {
+  const int status = statusOfChild([&] {
+    std::string traced;
+    bool open;
+    {
+      TraceCapture trace({1}, *handler);
+      exhaustDescriptors();
+      DirNode node(*handler, dir.path(), nullptr);
+      open = node.isOpen();
+      rlimit limit{};
+      ::getrlimit(RLIMIT_NOFILE, &limit);
+      limit.rlim_cur = limit.rlim_max;
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+      traced = trace.text();
+    }
+    if (open)
+      return 2;
+    return traced == line(1, "openDir", "failed to open " + dir.path() + " errno: 24") + "\n" ? 0 : 3;
+  });
+  EXPECT_TRUE(exitedWith(status, 0)) << status;
+}
+
+TEST_F(DirNodeTest, PathIsOnAnOpenNodeClosesTheOldDirectoryFirst) {
+  ASSERT_EQ(0, ::mkdir((dir / "other").c_str(), 0700));
+  writeFile(dir / "other/x.log", "");
+  DirNode node(*handler, dir.path(), nullptr);
+  const int before = openDescriptorCount();
+  TraceCapture trace({9}, *handler);
+  node.pathIs(dir / "other");
+  EXPECT_EQ((Lines{line(9, "pathIs", "path: " + dir / "other")}), trace.lines());
+  EXPECT_EQ(before, openDescriptorCount());
+  EXPECT_EQ(dir / "other", node.path_);
+  EXPECT_EQ((Names{".", "..", "x.log"}), allEntries(node));
+  // To a missing path: the old directory is closed and the node with it.
+  node.pathIs(dir / "missing");
+  EXPECT_FALSE(node.isOpen());
+  EXPECT_EQ(before - 1, openDescriptorCount());
+}
+
+TEST_F(DirNodeTest, OpenDirAgainReadsFromTheStart) {
+  writeFile(dir / "x", "");
+  DirNode node(*handler, dir.path(), nullptr);
+  EXPECT_EQ(3u, allEntries(node).size());
+  const int before = openDescriptorCount();
+  node.openDir();
+  EXPECT_EQ(before, openDescriptorCount());
+  EXPECT_EQ(3u, allEntries(node).size());
+}
+
+// --- reading ----------------------------------------------------------------------------------------
+
+TEST_F(DirNodeTest, ReadEntryGivesEveryEntryWithDotAndDotDotThenNull) {
+  fillMixedDirectory();
+  DirNode node(*handler, dir.path(), nullptr);
+  EXPECT_EQ((Names{".", "..", ".log", "a.log", "b.log.1", "c.log", "d.log", "e.txt", "f.log", "g.log"}),
+            allEntries(node));
+  EXPECT_EQ(nullptr, node.readEntry());
+  EXPECT_EQ(nullptr, node.readEntry());
+  node.rewind();
+  EXPECT_EQ(10u, allEntries(node).size());
+}
+
+TEST_F(DirNodeTest, ReadEntryAndRewindTraceThePathAtLevelNine) {
+  DirNode node(*handler, dir.path(), nullptr);
+  TraceCapture trace({9}, *handler);
+  node.readEntry();
+  node.rewind();
+  EXPECT_EQ((Lines{line(9, "readEntry", "path: " + dir.path()), line(9, "rewind", "path: " + dir.path())}),
+            trace.lines());
+}
+
+TEST_F(DirNodeTest, DirectoryRemovedWhileOpenReadsAsEmpty) {
+  const std::string doomed = dir / "doomed";
+  ASSERT_EQ(0, ::mkdir(doomed.c_str(), 0700));
+  DirNode node(*handler, doomed, nullptr);
+  ASSERT_EQ(0, ::rmdir(doomed.c_str()));
+  EXPECT_EQ(nullptr, node.readEntry());
+  EXPECT_EQ(std::vector<Kesto::String>{}, node.findFiles(""));
+}
+
+// The descriptor closed under the node: reading fails with EBADF and
+// throws, and the destructor's closedir fails and is traced at level 1.
+TEST_F(DirNodeTest, ReadFailureThrowsAndCloseFailureIsTraced) {
+  TraceCapture trace({0, 1}, *handler);
+  {
+    DirNode node(*handler, dir.path(), nullptr);
+    ASSERT_EQ(0, ::close(::dirfd(node.dir_)));
+    EXPECT_EQ("DirNode::readEntry() failed to read " + dir.path() + " errno: 9",
+              runtimeText([&] { node.readEntry(); }));
+  }
+  EXPECT_EQ((Lines{line(0, "readEntry", "failed to read " + dir.path() + " errno: 9"),
+                   line(1, "~DirNode", "failed to close " + dir.path() + " errno: 9")}),
+            trace.lines());
+}
+
+// --- findFiles --------------------------------------------------------------------------------------
+
+TEST_F(DirNodeTest, FindFilesMatchesRegularFilesAndLinksThatEndWithTheExtension) {
+  fillMixedDirectory();
+  DirNode node(*handler, dir.path(), nullptr);
+  // Not b.log.1 (does not end so), c.log (a directory), g.log (a fifo);
+  // the dangling link f.log matches, being a link. ".log" equals the
+  // extension and matches.
+  EXPECT_EQ((Names{".log", "a.log", "d.log", "f.log"}), sorted(node.findFiles(".log")));
+}
+
+TEST_F(DirNodeTest, FindFilesOfLogInTheBasicCaseGivesTheOneFile) {
+  writeFile(dir / "a.log", "");
+  writeFile(dir / "b.log.1", "");
+  ASSERT_EQ(0, ::mkdir((dir / "c.log").c_str(), 0700));
+  DirNode node(*handler, dir.path(), nullptr);
+  EXPECT_EQ((Names{"a.log"}), sorted(node.findFiles(".log")));
+}
+
+TEST_F(DirNodeTest, EmptyExtensionMatchesEveryRegularFileAndLink) {
+  fillMixedDirectory();
+  DirNode node(*handler, dir.path(), nullptr);
+  EXPECT_EQ((Names{".log", "a.log", "b.log.1", "d.log", "e.txt", "f.log"}), sorted(node.findFiles("")));
+}
+
+TEST_F(DirNodeTest, ExtensionWithoutADotMatchesAnyEnding) {
+  writeFile(dir / "catalog", "");
+  writeFile(dir / "a.log", "");
+  writeFile(dir / "og", "");
+  writeFile(dir / "g", "");
+  DirNode node(*handler, dir.path(), nullptr);
+  EXPECT_EQ((Names{"a.log", "catalog", "og"}), sorted(node.findFiles("og")));
+}
+
+TEST_F(DirNodeTest, FindFilesStartsFromTheFirstEntryAndLeavesTheDirectoryAtItsEnd) {
+  writeFile(dir / "a.log", "");
+  DirNode node(*handler, dir.path(), nullptr);
+  ASSERT_NE(nullptr, node.readEntry());
+  EXPECT_EQ((Names{"a.log"}), sorted(node.findFiles(".log")));
+  EXPECT_EQ(nullptr, node.readEntry());
+  EXPECT_EQ((Names{"a.log"}), sorted(node.findFiles(".log")));
+  node.rewind();
+  EXPECT_NE(nullptr, node.readEntry());
+}
+
+TEST_F(DirNodeTest, FindFilesTracesFoundAtLevelEightAndSkippedAtLevelNine) {
+  writeFile(dir / "a.log", "");
+  writeFile(dir / "b.txt", "");
+  DirNode node(*handler, dir.path(), nullptr);
+  TraceCapture trace({8}, *handler);
+  node.findFiles(".log");
+  EXPECT_EQ((Lines{line(8, "findFiles", "found file with extension .log: a.log")}), trace.lines());
+  TraceCapture detail({9}, *handler);
+  node.findFiles(".log");
+  EXPECT_EQ(1u, detail.linesWith(line(9, "findFiles", "path: " + dir.path() + " extension: .log")).size());
+  EXPECT_EQ(1u, detail.linesWith(line(9, "findFiles", "skipping file: b.txt")).size());
+  EXPECT_EQ(0u, detail.linesWith("skipping file: a.log").size());
+  // Directories are passed over without a word.
+  EXPECT_EQ(0u, detail.linesWith("skipping file: .").size());
+}
+
+TEST_F(DirNodeTest, FindFilesGivesLongNamesWhole) {
+  const std::string name = std::string(250, 'n') + ".log";
+  writeFile(dir / name, "");
+  DirNode node(*handler, dir.path(), nullptr);
+  EXPECT_EQ((Names{name}), sorted(node.findFiles(".log")));
+  EXPECT_EQ(Names{}, sorted(node.findFiles(std::string(300, 'n') + ".log")));
+}
+
+// --- nodes, parents, descriptors --------------------------------------------------------------------
+
+TEST_F(DirNodeTest, ChildKeepsItsParentAliveAndItAlone) {
+  ASSERT_EQ(0, ::mkdir((dir / "sub").c_str(), 0700));
+  auto parent = std::make_shared<DirNode>(*handler, dir.path(), nullptr);
+  std::weak_ptr<DirNode> watch = parent;
+  auto child = std::make_shared<DirNode>(*handler, dir / "sub", parent);
+  parent.reset();
+  ASSERT_FALSE(watch.expired());
+  EXPECT_EQ(dir.path(), child->parent_->path_);
+  child.reset();
+  EXPECT_TRUE(watch.expired());
+}
+
+TEST_F(DirNodeTest, NodesCloseTheirDirectoriesAndTraceAtLevelNine) {
+  {
+    TraceCapture trace({9}, *handler);
+    const int before = openDescriptorCount();
+    {
+      DirNode node(*handler, dir.path(), nullptr);
+      EXPECT_EQ(before + 1, openDescriptorCount());
+    }
+    EXPECT_EQ(before, openDescriptorCount());
+    EXPECT_EQ(1u, trace.linesWith(line(9, "~DirNode", "path: " + dir.path())).size());
+  }
+  const int before = openDescriptorCount();
+  for (int i = 0; i < 100; ++i)
+    DirNode node(*handler, dir.path(), nullptr);
+  EXPECT_EQ(before, openDescriptorCount());
+}
+
+// --- a walk of a tree -------------------------------------------------------------------------------
+
+// Both walks made of nodes find what the file system says is there, and
+// leave no descriptor open.
+TEST_F(DirNodeTest, WalkOfATreeFindsEveryFileOfTheExtension) {
+  std::set<std::string> expected;
+  for (int a = 0; a < 5; ++a)
+    for (int b = 0; b < 4; ++b) {
+      const std::string sub = dir / ("d" + std::to_string(a) + "/e" + std::to_string(b));
+      ASSERT_EQ(0, Kesto::Util::mkpath(sub.c_str(), 0700));
+      for (int f = 0; f < 6; ++f) {
+        const std::string stem = sub + "/f" + std::to_string(f);
+        writeFile(stem + ".log", "");
+        writeFile(stem + ".txt", "");
+        expected.insert(stem + ".log");
+      }
+      ASSERT_EQ(0, ::mkdir((sub + "/empty.log").c_str(), 0700));
+    }
+  writeFile(dir / "top.log", "");
+  expected.insert(dir / "top.log");
+  for (auto walk : {walkFiles, walkFilesByFindFiles}) {
+    const int before = openDescriptorCount();
+    const std::vector<Kesto::String> found = walk(*handler, dir.path(), ".log");
+    EXPECT_EQ(before, openDescriptorCount());
+    std::set<std::string> got;
+    for (const Kesto::String& path : found)
+      got.insert(path.str());
+    EXPECT_EQ(found.size(), got.size());
+    EXPECT_EQ(expected, got);
+  }
+}
+
+TEST_F(DirNodeTest, MatchesExtensionTakesWhatFindFilesTakes) {
+  fillMixedDirectory();
+  DirNode node(*handler, dir.path(), nullptr);
+  for (const char* extension : {".log", "", "og", ".txt", ".log.1", "a.log", "nothing"}) {
+    Names matched;
+    node.rewind();
+    while (const dirent* entry = node.readEntry())
+      if (DirNode::matchesExtension(*entry, extension))
+        matched.push_back(entry->d_name);
+    std::sort(matched.begin(), matched.end());
+    EXPECT_EQ(sorted(node.findFiles(extension)), matched) << extension;
+  }
+}
+
+TEST_F(DirNodeTest, WalkOfAMissingRootFindsNothing) {
+  EXPECT_TRUE(walkFiles(*handler, dir / "missing", ".log").empty());
+  EXPECT_TRUE(walkFilesByFindFiles(*handler, dir / "missing", ".log").empty());
+}
