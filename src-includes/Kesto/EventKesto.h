@@ -33,10 +33,12 @@
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 #include <Kesto/TimerWheel/TimerWheelState.h>
 #include <Kesto/Util/Counters.h>
+#include <Kesto/Util/FileUtil.h>
 #include <Kesto/Util/IntrospectionMap.h>
 #include <Kesto/Util/MemTrack.h>
 #include <Kesto/Util/Plugin.h>
 #include <Kesto/Util/TableStats.h>
+#include <Kesto/Util/TextEncoding.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 
