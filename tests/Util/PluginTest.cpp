@@ -4,14 +4,13 @@
 // no library file (registration, a name already registered, a missing
 // library) runs here.
 #include "PluginTestSupport.h"
+#include "UtilTestSupport.h"
 
 #include <Kesto/EventKesto.h>
 #include <KestoSupport/AssertMessage.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
 using Kesto::Platform::loadPlugin;
@@ -128,12 +127,11 @@ TEST(Plugin, LibraryRegisteringUnderAnotherNameAsserts) {
 }
 
 TEST(Plugin, LibraryThatAppearsLaterIsLoadedByTheNextCall) {
-  char pattern[] = "/tmp/kesto-plugins-XXXXXX";
-  ASSERT_NE(::mkdtemp(pattern), nullptr);
-  const std::string dir = pattern;
+  // The child's search path is an empty folder, into which the child puts
+  // the library between its two calls.
+  KestoTest::ScratchDir dir;
   const KestoTest::PluginChildResult child =
-      runPluginChild({"retry", "GoodPlugin", KESTO_UTIL_GOOD_PLUGIN, dir}, dir);
-  std::filesystem::remove_all(dir);
+      runPluginChild({"retry", "GoodPlugin", KESTO_UTIL_GOOD_PLUGIN, dir.path()}, dir.path());
   ASSERT_EQ(child.exitCode, 0) << child.output;
   const std::size_t missing = child.lineAt("load GoodPlugin: null");
   const std::size_t found = child.lineAt("load GoodPlugin: GoodPlugin");

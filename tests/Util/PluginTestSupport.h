@@ -1,14 +1,14 @@
 // What the plugin and counters tests share: trace capture of the
 // "KestoPlugin" handler, and the helper program.
 //
-// runPluginChild runs the plugin helper program in a child process whose dynamic linker
-// searches the folder of the test plugins (or a folder the test chooses),
-// with the "KestoPlugin" trace levels 0 to 3 on and a prefix of handler name
-// and level. The child's standard output and standard error come back as
+// runPluginChild runs the plugin helper program in a child process whose
+// dynamic linker searches the folder of the test plugins (or a folder the
+// test chooses), with the "KestoPlugin" trace levels 0 to 3 on and a prefix
+// of handler name and level. The child's standard output and standard error come back as
 // one text, lines in the order they were written.
 #pragma once
 
-#include <Kesto/Debug/DebugControl.h>
+#include <KestoSupport/TraceCapture.h>
 
 #include <gtest/gtest.h>
 
@@ -17,13 +17,6 @@
 #include <cstdio>
 #include <string>
 #include <vector>
-
-// TraceCapture names the trace controls as Ixo:: from namespace KestoTest.
-namespace KestoTest {
-namespace Ixo = Kesto::Ixo;
-} // namespace KestoTest
-
-#include <KestoSupport/TraceCapture.h>
 
 namespace KestoTest {
 
