@@ -39,6 +39,7 @@
 #include <Kesto/Util/Plugin.h>
 #include <Kesto/Util/TableStats.h>
 #include <Kesto/Util/TextEncoding.h>
+#include <Kesto/Util/ValuePrinter.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 
