@@ -32,10 +32,16 @@
 #include <Kesto/TimerWheel/TimerWheel.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 #include <Kesto/TimerWheel/TimerWheelState.h>
+#include <Kesto/Util/Counters.h>
 #include <Kesto/Util/DirNode.h>
 #include <Kesto/Util/FileLock.h>
 #include <Kesto/Util/FileUtil.h>
+#include <Kesto/Util/IntrospectionMap.h>
+#include <Kesto/Util/MemTrack.h>
+#include <Kesto/Util/Plugin.h>
+#include <Kesto/Util/TableStats.h>
 #include <Kesto/Util/TextEncoding.h>
+#include <Kesto/Util/ValuePrinter.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 
