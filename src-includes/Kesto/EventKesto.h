@@ -35,6 +35,7 @@
 #include <Kesto/Util/DirNode.h>
 #include <Kesto/Util/FileLock.h>
 #include <Kesto/Util/FileUtil.h>
+#include <Kesto/Util/ProcInspect.h>
 #include <Kesto/Util/TextEncoding.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>

@@ -1,0 +1,370 @@
+#include <Kesto/Util/ProcInspect.h>
+
+#include <Kesto/Core/System.h>
+#include <Kesto/Debug/Trace.h>
+#include <Kesto/Util/DirNode.h>
+#include <Kesto/Util/FileUtil.h>
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Kesto::Util {
+
+namespace {
+
+constexpr const char* utilClass = "Kesto::Util";
+
+int pidOrSelf(int pid) noexcept { return pid == 0 ? static_cast<int>(::getpid()) : pid; }
+
+template <typename... Args>
+String errorText(fmt::format_string<Args...> format, Args&&... args) {
+  return String(fmt::vformat(format, fmt::make_format_args(args...)));
+}
+
+bool isDotEntry(const char* name) noexcept {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+// The pid that a directory entry of /proc names: the caller for "self", 0
+// for anything that is not a number.
+U32 pidOfEntry(const char* name) noexcept {
+  if (std::strcmp(name, "self") == 0)
+    return static_cast<U32>(::getpid());
+  return static_cast<U32>(std::strtoul(name, nullptr, 10));
+}
+
+// Reads the descriptors of /proc/{entry}/fd, stat()ing each through its
+// link, and calls `visit(path, st, name)` for those that stat() reads, until
+// it returns true. False when the directory does not open (the process has
+// gone, or the entry is no process) or nothing was accepted. `path` is the
+// caller's buffer for the descriptor's path.
+template <typename Visit>
+bool visitDescriptors(Platform::DebugHandler& handler, const char* entry, bool pathInStatFailure, std::string& path,
+                      Visit&& visit) {
+  const std::string fdDir = std::string("/proc/") + entry + "/fd";
+  DirNode fds(handler, String(fdDir), nullptr);
+  if (!fds.isOpen())
+    return false;
+  while (const struct dirent* fdEntry = fds.readEntry()) {
+    if (isDotEntry(fdEntry->d_name))
+      continue;
+    path.assign(fdDir).append("/").append(fdEntry->d_name);
+    KESTO_TRACE(handler, 9, utilClass, "reading entry {}", path);
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) {
+      if (pathInStatFailure)
+        KESTO_TRACE(handler, 1, utilClass, "stat {} failed:{}", path, strerror(errno));
+      else
+        KESTO_TRACE(handler, 1, utilClass, "stat failed:{}", strerror(errno));
+      continue;
+    }
+    if (visit(path, st, fdEntry->d_name))
+      return true;
+  }
+  return false;
+}
+
+// The inode of the first socket whose line of /proc/net/unix contains
+// `socketName`, or 0.
+U32 readProcNetUnix(Platform::DebugHandler& handler, const String& socketName) {
+  std::ifstream in("/proc/net/unix");
+  const std::string_view name = socketName.view();
+  std::string line;
+  while (in.good()) {
+    std::getline(in, line);
+    KESTO_TRACE(handler, 7, utilClass, "{}", line);
+    if (line.find(name) == std::string::npos)
+      continue;
+    // The inode is the field before the path: between the blank before the
+    // last blank and the last blank.
+    const std::size_t lastBlank = line.rfind(' ');
+    if (lastBlank == std::string::npos || lastBlank == 0)
+      continue;
+    const std::size_t end = lastBlank - 1;
+    const std::size_t blank = line.rfind(' ', end);
+    const std::size_t start = blank == std::string::npos ? 0 : blank + 1;
+    const std::string field = line.substr(start, end + 1 - start);
+    const U32 inode = static_cast<U32>(std::strtoul(field.c_str(), nullptr, 10));
+    if (inode != 0) {
+      KESTO_TRACE(handler, 5, utilClass, "sockInode:{}", inode);
+      return inode;
+    }
+    KESTO_TRACE(handler, 1, utilClass, "Couldn't convert inode '{}' to U32.", field);
+  }
+  return 0;
+}
+
+// The pid of the first process in /proc's order with a descriptor on the
+// socket `inode`, or 0.
+U32 readProcFd(Platform::DebugHandler& handler, U32 inode) {
+  KESTO_TRACE(handler, 5, utilClass, "searching for inode: {}", inode);
+  DirNode proc(handler, String("/proc"), nullptr);
+  if (!proc.isOpen())
+    fmassert(handler, utilClass, __FILE__, __func__, __LINE__, "Couldn't open /proc");
+  std::string path;
+  while (const struct dirent* entry = proc.readEntry()) {
+    if (isDotEntry(entry->d_name))
+      continue;
+    const bool found = visitDescriptors(handler, entry->d_name, false, path,
+                                        [&](const std::string& fdPath, const struct stat& st, const char*) {
+                                          if (!S_ISSOCK(st.st_mode))
+                                            return false;
+                                          KESTO_TRACE(handler, 9, utilClass, "socket {}'s inode is:{}", fdPath,
+                                                      st.st_ino);
+                                          return st.st_ino == inode;
+                                        });
+    if (!found)
+      continue;
+    const U32 pid = pidOfEntry(entry->d_name);
+    if (pid == 0)
+      KESTO_TRACE(handler, 1, utilClass, "could not convert pid directory string '{}' to U32", entry->d_name);
+    else
+      KESTO_TRACE(handler, 5, utilClass, "found owner pid:{}", pid);
+    return pid;
+  }
+  return 0;
+}
+
+} // namespace
+
+String readProcTitle(Platform::DebugHandler& handler, int pid, bool quiet) {
+  const std::string path = fmt::format("/proc/{}/status", pidOrSelf(pid));
+  std::ifstream in(path);
+  if (!in.is_open()) {
+    const int state = static_cast<int>(in.rdstate());
+    if (quiet)
+      KESTO_TRACE(handler, 5, utilClass, "error - Couldn't access status file:{} stream state:{}", path, state);
+    else
+      KESTO_TRACE(handler, 1, utilClass, "error - Couldn't access status file:{} stream state:{}", path, state);
+    return String();
+  }
+  std::string line;
+  std::size_t at = std::string::npos;
+  while (std::getline(in, line)) {
+    at = line.find("Name:");
+    if (at != std::string::npos)
+      break;
+  }
+  if (at == std::string::npos) {
+    KESTO_TRACE(handler, 1, utilClass, "error - Couldn't find proc title for pid:{} stream state:{}", pid,
+                static_cast<int>(in.rdstate()));
+    return String();
+  }
+  std::string_view title = std::string_view(line).substr(at + 5);
+  constexpr std::string_view blanks = " \t\n";
+  const std::size_t first = title.find_first_not_of(blanks);
+  title = first == std::string_view::npos ? std::string_view() : title.substr(first, title.find_last_not_of(blanks) + 1 - first);
+  if (!title.empty())
+    KESTO_TRACE(handler, 5, utilClass, "success - title:{}", title);
+  else
+    KESTO_TRACE(handler, 1, utilClass, "error - Read 0 length title for pid:{}", pid);
+  return String(title);
+}
+
+String readProcTitle(int pid, bool quiet) { return readProcTitle(*Debug::kestoUtil, pid, quiet); }
+
+String readProcStartTime(Platform::DebugHandler& handler, int pid) {
+  const std::string path = fmt::format("/proc/{}/stat", pidOrSelf(pid));
+  std::ifstream in(path);
+  if (!in.is_open()) {
+    KESTO_TRACE(handler, 5, utilClass, "error - Couldn't access stat file:{} stream state:{}", path,
+                static_cast<int>(in.rdstate()));
+    return String();
+  }
+  std::string line;
+  std::getline(in, line);
+  if (!in.good()) {
+    KESTO_TRACE(handler, 5, utilClass, "failed to read contents of file: {} stream state: {}", path,
+                static_cast<int>(in.rdstate()));
+    return String();
+  }
+  // The command name, field 2, stands in parentheses and may itself hold
+  // blanks and parentheses; the kernel writes nothing after it that does.
+  const std::size_t close = line.rfind(')');
+  if (close == std::string::npos || close + 2 >= line.size())
+    fmassert(handler, utilClass, __FILE__, __func__, __LINE__,
+             "input not long enough to contain start time. file: {} line: \"{}\"", path, line);
+  std::string rest = line.substr(close + 2);
+  // Token 0 is the state, field 3; the start time is field 22.
+  constexpr int startTimeFieldPos = 19;
+  int tokPos = 0;
+  char* save = nullptr;
+  const char* token = ::strtok_r(rest.data(), " ", &save);
+  while (token && tokPos < startTimeFieldPos) {
+    token = ::strtok_r(nullptr, " ", &save);
+    ++tokPos;
+  }
+  const std::string_view procStartTime = token ? std::string_view(token) : std::string_view();
+  if (procStartTime.empty())
+    fmassert(handler, utilClass, __FILE__, __func__, __LINE__,
+             "Failed to parse start time from file: {} line: \"{}\" procStartTime.size():{} tokPos:{} "
+             "startTimeFieldPos:{}",
+             path, line, procStartTime.size(), tokPos, startTimeFieldPos);
+  KESTO_TRACE(handler, 5, utilClass, "success - pid:{} start time:{}", pid, procStartTime);
+  return String(procStartTime);
+}
+
+String readProcStartTime(int pid) { return readProcStartTime(*Debug::kestoUtil, pid); }
+
+String readPidCmdline(Platform::DebugHandler& handler, int pid) {
+  const std::string path = fmt::format("/proc/{}/cmdline", pid);
+  // fileRead stops at the first NUL, so this is the program alone; the
+  // arguments are separated by NULs, which would read as blanks.
+  std::string text(fileRead(handler, path.c_str(), true).view());
+  for (char& c : text)
+    if (c == '\0')
+      c = ' ';
+  return String(text);
+}
+
+U32 readSocketPid(Platform::DebugHandler& handler, const String& socketName) {
+  KESTO_TRACE(handler, 5, utilClass, "searching for socket name:{}", socketName);
+  const U32 inode = readProcNetUnix(handler, socketName);
+  if (inode == 0) {
+    KESTO_TRACE(handler, 5, utilClass, "unable to find inode");
+    return 0;
+  }
+  return readProcFd(handler, inode);
+}
+
+U32 readLockPid(Platform::DebugHandler& handler, const String& lockPath) {
+  DirNode proc(handler, String("/proc"), nullptr);
+  if (!proc.isOpen())
+    fmassert(handler, utilClass, __FILE__, __func__, __LINE__, "Couldn't open /proc");
+  KESTO_TRACE(handler, 9, utilClass, "lockName:{}", lockPath);
+  const String locks = fileRead(handler, "/proc/locks", true);
+  const std::string_view lockText = locks.view();
+  // The kernel writes -1 where the pid stands for an open-file-description
+  // lock (a FileLock), whose owner is a file and not a process: while there
+  // is such a lock, no process can be passed over for want of its number.
+  const bool filterByPid = lockText.find("OFDLCK") == std::string_view::npos;
+  const std::string_view wanted = lockPath.view();
+  std::vector<char> target(wanted.size() + 1);
+  std::string path;
+  while (const struct dirent* entry = proc.readEntry()) {
+    const U32 pid = pidOfEntry(entry->d_name);
+    if (pid == 0)
+      continue;
+    // A cheap filter: a holder's number stands in the lines of its locks.
+    // Another number may pass by chance; the descriptors decide.
+    if (filterByPid && lockText.find(entry->d_name) == std::string_view::npos)
+      continue;
+    const bool found = visitDescriptors(handler, entry->d_name, true, path,
+                                        [&](const std::string& fdPath, const struct stat& st, const char* fd) {
+      if (!S_ISREG(st.st_mode))
+        return false;
+      // One byte more than the wanted path: a longer target is cut there
+      // and cannot compare equal.
+      std::fill(target.begin(), target.end(), '\0');
+      const ssize_t length = ::readlink(fdPath.c_str(), target.data(), target.size());
+      if (length < 0) {
+        KESTO_TRACE(handler, 1, utilClass, "readlink of file:{} failed {}", fdPath, strerror(errno));
+        return false;
+      }
+      const std::string_view linked(target.data(), static_cast<std::size_t>(length));
+      KESTO_TRACE(handler, 9, utilClass, "lock {}'s file is:{}", fdPath, linked);
+      if (linked != wanted)
+        return false;
+      const std::string info = fmt::format("/proc/{}/fdinfo/{}", entry->d_name, fd);
+      const String fdInfo = fileRead(handler, info.c_str(), true);
+      if (fdInfo.view().find("OFDLCK") != std::string_view::npos ||
+          fdInfo.view().find("POSIX") != std::string_view::npos)
+        return true;
+      KESTO_TRACE(handler, 5, utilClass, "pid:{} file:{} is open, but not locked associated with lock", pid,
+                  lockPath);
+      return false;
+    });
+    if (found) {
+      KESTO_TRACE(handler, 5, utilClass, "found owner pid:{}", pid);
+      return pid;
+    }
+  }
+  return 0;
+}
+
+const char* typenameFromVptr(int otherPid, const void* vptr, String& error) {
+  const auto address = reinterpret_cast<unsigned long>(vptr);
+  const MappingInfo other = PidMappings::populate(otherPid).find(vptr);
+  if (!other.found()) {
+    error = errorText("Could not find mapping for vptr:{} otherPid:{}", DisplayPointer(vptr), otherPid);
+    return nullptr;
+  }
+  // The word ahead of the table, the type information pointer, must lie in
+  // the same mapping.
+  if (!(other.start + 8 <= address && address + 8 < other.end)) {
+    error = errorText("Bad vptr:{} otherPid:{} mapping:{}", DisplayPointer(vptr), otherPid, other);
+    return nullptr;
+  }
+  // Never closed: the names handed out point into the library. Anonymous
+  // memory and the kernel's named areas ("[heap]") are no library; dlopen
+  // would take the empty path for the main program.
+  const bool isFile = !other.path.view().empty() && other.path.view().front() == '/';
+  if (!isFile || !::dlopen(other.path.data(), RTLD_LAZY)) {
+    error = errorText("Failed to open library for vptr:{} otherPid:{} other mapping:{}", DisplayPointer(vptr),
+                        otherPid, other);
+    return nullptr;
+  }
+  const MappingInfos mine = PidMappings::populate(static_cast<int>(::getpid()));
+  const MappingInfo local = mine.find(other.path, other.offset, other.flags());
+  if (!local.found()) {
+    error = errorText("Could not find own mapping of library for vptr:{} otherPid:{} other mapping:{}",
+                        DisplayPointer(vptr), otherPid, other);
+    return nullptr;
+  }
+  const unsigned long localVptr = address - other.start + local.start;
+  const void* typeInfo = *reinterpret_cast<const void* const*>(localVptr - 8);
+  const MappingInfo typeInfoMapping = mine.find(typeInfo);
+  if (!typeInfoMapping.found()) {
+    error = errorText("No typeInfo mapping found for vptr:{} otherPid:{} typeInfoPtr:{} myMapping:{}",
+                        DisplayPointer(vptr), otherPid, DisplayPointer(typeInfo), local);
+    return nullptr;
+  }
+  if (reinterpret_cast<unsigned long>(typeInfo) + 8 >= typeInfoMapping.end) {
+    error = errorText("TypeInfo ptr crosses mappings, vptr:{} otherPid:{} typeInfoPtr:{} myMapping:{}",
+                        DisplayPointer(vptr), otherPid, DisplayPointer(typeInfo), local);
+    return nullptr;
+  }
+  // A type information record is its own virtual table pointer, then the
+  // pointer to the mangled name.
+  const char* name = reinterpret_cast<const char* const*>(typeInfo)[1];
+  const MappingInfo nameMapping = mine.find(name);
+  if (nameMapping.path != local.path) {
+    error = errorText("TypeInfo is not stored in proper mapping. Expected:{} but found:{}", local, nameMapping);
+    return nullptr;
+  }
+  return name;
+}
+
+void includeShmemInCore() {
+  const std::string path = fmt::format("/proc/{}/coredump_filter", ::getpid());
+  FILE* file = std::fopen(path.c_str(), "r+");
+  if (!file) {
+    KESTO_TRACE(*Debug::kestoUtil, 1, utilClass, "failed to open {}: {} (has EUID changed?)", path,
+                strerror(errno));
+    return;
+  }
+  unsigned int filter = 0;
+  if (std::fscanf(file, "%x", &filter) < 1) {
+    const int err = errno;
+    std::fclose(file);
+    fmassert(*Debug::kestoUtil, utilClass, __FILE__, __func__, __LINE__, "fscanf failed for file:{} error:{}", path,
+             strerror(err));
+  }
+  // Bit 3: file-backed shared mappings. The kernel reads decimal as well as
+  // hexadecimal.
+  filter |= 1u << 3;
+  std::fprintf(file, "%d", static_cast<int>(filter));
+  std::fclose(file);
+}
+
+} // namespace Kesto::Util
