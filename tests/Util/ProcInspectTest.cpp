@@ -386,10 +386,16 @@ TEST_F(ProcInspect, LockPidOfFileOpenWithoutLockIsZero) {
   // may skip the opener before its descriptors are read.
   Kesto::FileLock other(*handler, dir.path().c_str(), "other.lock");
   ASSERT_TRUE(other.lock(false));
-  const std::string own = fmt::format("{}", ::getpid());
   {
+    // With an open-file-description lock in /proc/locks every process is
+    // read, so the opener's descriptor is seen, and let go.
     TraceCapture trace({1, 5}, *handler);
     EXPECT_EQ(0u, Util::readLockPid(*handler, path));
+    EXPECT_TRUE(contains(trace.lines(),
+                         line(5, "readLockPid",
+                              fmt::format("pid:{} file:{} is open, but not locked associated with lock",
+                                          opener.pid(), path))))
+        << trace.text();
   }
   // The opener is told from a locker even when its number is in /proc/locks:
   // then it is read and reported as open but not locked.

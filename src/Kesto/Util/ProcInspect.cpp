@@ -43,36 +43,49 @@ U32 pidOfEntry(const char* name) noexcept {
   return static_cast<U32>(std::strtoul(name, nullptr, 10));
 }
 
-// Reads the descriptors of /proc/{entry}/fd, stat()ing each through its
-// link, and calls `visit(path, st, name)` for those that stat() reads, until
-// it returns true. False when the directory does not open (the process has
-// gone, or the entry is no process) or nothing was accepted. `path` is the
-// caller's buffer for the descriptor's path.
-template <typename Visit>
-bool visitDescriptors(Platform::DebugHandler& handler, const char* entry, bool pathInStatFailure, std::string& path,
-                      Visit&& visit) {
-  const std::string fdDir = std::string("/proc/") + entry + "/fd";
-  DirNode fds(handler, String(fdDir), nullptr);
-  if (!fds.isOpen())
-    return false;
-  while (const struct dirent* fdEntry = fds.readEntry()) {
-    if (isDotEntry(fdEntry->d_name))
-      continue;
-    path.assign(fdDir).append("/").append(fdEntry->d_name);
-    KESTO_TRACE(handler, 9, utilClass, "reading entry {}", path);
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0) {
-      if (pathInStatFailure)
-        KESTO_TRACE(handler, 1, utilClass, "stat {} failed:{}", path, strerror(errno));
+// The descriptors of one process, /proc/{entry}/fd, each stat()ed through
+// its link. A directory that does not open (the process has gone, or the
+// entry is no process) has no descriptors; one whose stat() fails is
+// skipped.
+class DescriptorWalk {
+public:
+  DescriptorWalk(Platform::DebugHandler& handler, const char* entry, bool pathInStatFailure)
+      : handler_(handler), dir_(std::string("/proc/") + entry + "/fd"), fds_(handler, String(dir_), nullptr),
+        pathInStatFailure_(pathInStatFailure) {}
+
+  // The next descriptor that stat() reads, or null at the end.
+  const struct stat* next() {
+    if (!fds_.isOpen())
+      return nullptr;
+    while (const struct dirent* entry = fds_.readEntry()) {
+      if (isDotEntry(entry->d_name))
+        continue;
+      fd_ = entry->d_name;
+      path_.assign(dir_).append("/").append(fd_);
+      KESTO_TRACE(handler_, 9, utilClass, "reading entry {}", path_);
+      if (::stat(path_.c_str(), &st_) == 0)
+        return &st_;
+      if (pathInStatFailure_)
+        KESTO_TRACE(handler_, 1, utilClass, "stat {} failed:{}", path_, strerror(errno));
       else
-        KESTO_TRACE(handler, 1, utilClass, "stat failed:{}", strerror(errno));
-      continue;
+        KESTO_TRACE(handler_, 1, utilClass, "stat failed:{}", strerror(errno));
     }
-    if (visit(path, st, fdEntry->d_name))
-      return true;
+    return nullptr;
   }
-  return false;
-}
+
+  // The link of the current descriptor, and its number as a name.
+  const std::string& path() const noexcept { return path_; }
+  const std::string& fd() const noexcept { return fd_; }
+
+private:
+  Platform::DebugHandler& handler_;
+  std::string dir_;
+  DirNode fds_;
+  bool pathInStatFailure_;
+  std::string path_;
+  std::string fd_;
+  struct stat st_ {};
+};
 
 // The inode of the first socket whose line of /proc/net/unix contains
 // `socketName`, or 0.
@@ -111,18 +124,20 @@ U32 readProcFd(Platform::DebugHandler& handler, U32 inode) {
   DirNode proc(handler, String("/proc"), nullptr);
   if (!proc.isOpen())
     fmassert(handler, utilClass, __FILE__, __func__, __LINE__, "Couldn't open /proc");
-  std::string path;
   while (const struct dirent* entry = proc.readEntry()) {
     if (isDotEntry(entry->d_name))
       continue;
-    const bool found = visitDescriptors(handler, entry->d_name, false, path,
-                                        [&](const std::string& fdPath, const struct stat& st, const char*) {
-                                          if (!S_ISSOCK(st.st_mode))
-                                            return false;
-                                          KESTO_TRACE(handler, 9, utilClass, "socket {}'s inode is:{}", fdPath,
-                                                      st.st_ino);
-                                          return st.st_ino == inode;
-                                        });
+    DescriptorWalk walk(handler, entry->d_name, false);
+    bool found = false;
+    while (const struct stat* st = walk.next()) {
+      if (!S_ISSOCK(st->st_mode))
+        continue;
+      KESTO_TRACE(handler, 9, utilClass, "socket {}'s inode is:{}", walk.path(), st->st_ino);
+      if (st->st_ino == inode) {
+        found = true;
+        break;
+      }
+    }
     if (!found)
       continue;
     const U32 pid = pidOfEntry(entry->d_name);
@@ -250,7 +265,6 @@ U32 readLockPid(Platform::DebugHandler& handler, const String& lockPath) {
   const bool filterByPid = lockText.find("OFDLCK") == std::string_view::npos;
   const std::string_view wanted = lockPath.view();
   std::vector<char> target(wanted.size() + 1);
-  std::string path;
   while (const struct dirent* entry = proc.readEntry()) {
     const U32 pid = pidOfEntry(entry->d_name);
     if (pid == 0)
@@ -259,31 +273,33 @@ U32 readLockPid(Platform::DebugHandler& handler, const String& lockPath) {
     // Another number may pass by chance; the descriptors decide.
     if (filterByPid && lockText.find(entry->d_name) == std::string_view::npos)
       continue;
-    const bool found = visitDescriptors(handler, entry->d_name, true, path,
-                                        [&](const std::string& fdPath, const struct stat& st, const char* fd) {
-      if (!S_ISREG(st.st_mode))
-        return false;
+    DescriptorWalk walk(handler, entry->d_name, true);
+    bool found = false;
+    while (const struct stat* st = walk.next()) {
+      if (!S_ISREG(st->st_mode))
+        continue;
       // One byte more than the wanted path: a longer target is cut there
       // and cannot compare equal.
       std::fill(target.begin(), target.end(), '\0');
-      const ssize_t length = ::readlink(fdPath.c_str(), target.data(), target.size());
+      const ssize_t length = ::readlink(walk.path().c_str(), target.data(), target.size());
       if (length < 0) {
-        KESTO_TRACE(handler, 1, utilClass, "readlink of file:{} failed {}", fdPath, strerror(errno));
-        return false;
+        KESTO_TRACE(handler, 1, utilClass, "readlink of file:{} failed {}", walk.path(), strerror(errno));
+        continue;
       }
       const std::string_view linked(target.data(), static_cast<std::size_t>(length));
-      KESTO_TRACE(handler, 9, utilClass, "lock {}'s file is:{}", fdPath, linked);
+      KESTO_TRACE(handler, 9, utilClass, "lock {}'s file is:{}", walk.path(), linked);
       if (linked != wanted)
-        return false;
-      const std::string info = fmt::format("/proc/{}/fdinfo/{}", entry->d_name, fd);
+        continue;
+      const std::string info = fmt::format("/proc/{}/fdinfo/{}", entry->d_name, walk.fd());
       const String fdInfo = fileRead(handler, info.c_str(), true);
       if (fdInfo.view().find("OFDLCK") != std::string_view::npos ||
-          fdInfo.view().find("POSIX") != std::string_view::npos)
-        return true;
+          fdInfo.view().find("POSIX") != std::string_view::npos) {
+        found = true;
+        break;
+      }
       KESTO_TRACE(handler, 5, utilClass, "pid:{} file:{} is open, but not locked associated with lock", pid,
                   lockPath);
-      return false;
-    });
+    }
     if (found) {
       KESTO_TRACE(handler, 5, utilClass, "found owner pid:{}", pid);
       return pid;
