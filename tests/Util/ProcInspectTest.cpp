@@ -334,7 +334,7 @@ TEST_F(ProcInspect, WalksCopeWithChildrenThatExitDuringTheScan) {
   });
   ASSERT_TRUE(holder.ready());
   const std::string lockFile = realPath(lockDir + "/walk.lock");
-  for (int round = 0; round < 5; ++round) {
+  for (int round = 0; round < 20; ++round) {
     // Children with descriptors of their own, let go just before the walks
     // start and reaped after them: each is read alive, as a zombie, or not
     // at all, and its entries vanish between the listing and the reading.

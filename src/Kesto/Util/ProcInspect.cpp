@@ -1,5 +1,6 @@
 #include <Kesto/Util/ProcInspect.h>
 
+#include <Kesto/Core/Exception.h>
 #include <Kesto/Core/System.h>
 #include <Kesto/Debug/Trace.h>
 #include <Kesto/Util/DirNode.h>
@@ -57,7 +58,7 @@ public:
   const struct stat* next() {
     if (!fds_.isOpen())
       return nullptr;
-    while (const struct dirent* entry = fds_.readEntry()) {
+    while (const struct dirent* entry = readEntry()) {
       if (isDotEntry(entry->d_name))
         continue;
       fd_ = entry->d_name;
@@ -73,6 +74,21 @@ public:
     return nullptr;
   }
 
+  // The next entry, or null at the end. A process that exits after its
+  // directory was opened normally just shows no more entries; should the
+  // reading fail instead, that ends its walk too, rather than the search.
+  const struct dirent* readEntry() {
+    if (gone_)
+      return nullptr;
+    try {
+      return fds_.readEntry();
+    } catch (const RuntimeException&) {
+      KESTO_TRACE(handler_, 5, utilClass, "process of {} went away during the walk", dir_);
+      gone_ = true;
+      return nullptr;
+    }
+  }
+
   // The link of the current descriptor, and its number as a name.
   const std::string& path() const noexcept { return path_; }
   const std::string& fd() const noexcept { return fd_; }
@@ -82,6 +98,7 @@ private:
   std::string dir_;
   DirNode fds_;
   bool pathInStatFailure_;
+  bool gone_ = false;
   std::string path_;
   std::string fd_;
   struct stat st_ {};
