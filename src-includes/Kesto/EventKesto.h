@@ -39,6 +39,7 @@
 #include <Kesto/Util/IntrospectionMap.h>
 #include <Kesto/Util/MemTrack.h>
 #include <Kesto/Util/Plugin.h>
+#include <Kesto/Util/ProcInspect.h>
 #include <Kesto/Util/TableStats.h>
 #include <Kesto/Util/TextEncoding.h>
 #include <Kesto/Util/ValuePrinter.h>
