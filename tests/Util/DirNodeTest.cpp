@@ -131,6 +131,14 @@ TEST_F(DirNodeTest, PathThatIsAFileOrGoesThroughOneIsALevelNineDetail) {
             trace.linesWith("openDir"));
 }
 
+TEST_F(DirNodeTest, NameTooLongIsAFailureAtLevelOne) {
+  const std::string tooLong = dir / std::string(300, 'n');
+  TraceCapture trace({1, 9}, *handler);
+  DirNode node(*handler, tooLong, nullptr);
+  EXPECT_FALSE(node.isOpen());
+  EXPECT_EQ((Lines{line(1, "openDir", "failed to open " + tooLong + " errno: 36")}), trace.linesWith("openDir"));
+}
+
 // Any other failure to open (here EMFILE) is a failure: level 1.
 TEST_F(DirNodeTest, OutOfDescriptorsOpenFailsAtLevelOne) {
   const int status = statusOfChild([&] {

@@ -303,6 +303,15 @@ TEST_F(FileLockTest, LockFileThatIsADirectoryIsFalse) {
   EXPECT_EQ(before, openDescriptorCount());
 }
 
+TEST_F(FileLockTest, FilenameLongerThanTheFileSystemTakesIsFalse) {
+  const std::string name(300, 'n');
+  FileLock lock(*handler, lockDir, name);
+  TraceCapture trace({1}, *handler);
+  EXPECT_FALSE(lock.lock(false));
+  EXPECT_EQ((Lines{line(1, "lock", "error: could not open lock file:" + lockDir + "/" + name + " File name too long")}),
+            trace.lines());
+}
+
 TEST_F(FileLockTest, OutOfDescriptorsLockIsFalse) {
   const int status = statusOfChild([&] {
     FileLock lock(*handler, lockDir, "app.lock");

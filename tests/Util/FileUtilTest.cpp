@@ -90,6 +90,11 @@ TEST_F(FileUtil, FileReadOfALargeFileGivesAllOfIt) {
   EXPECT_EQ(content, Util::fileRead(*handler, path.c_str(), false));
 }
 
+// An endless file of NUL bytes ends at the first one.
+TEST_F(FileUtil, FileReadOfDevZeroEndsAtItsFirstByte) {
+  EXPECT_EQ("", Util::fileRead(*handler, "/dev/zero", true));
+}
+
 TEST_F(FileUtil, FileReadOfAMissingFileGivesEmptyAndTracesOnlyWhenAsked) {
   const std::string path = dir / "missing";
   TraceCapture trace({0, 1, 5}, *handler);
