@@ -20,16 +20,6 @@ std::string line(unsigned level, const char* function, const std::string& text) 
   return "UtilTest " + std::to_string(level) + " DirNode::" + function + "() " + text;
 }
 
-template <typename Body>
-std::string runtimeText(Body&& body) {
-  try {
-    body();
-  } catch (const Kesto::RuntimeException& e) {
-    return e.what();
-  }
-  return "<no exception>";
-}
-
 Names sorted(const std::vector<Kesto::String>& names) {
   Names result;
   for (const Kesto::String& name : names)

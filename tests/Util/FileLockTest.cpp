@@ -4,8 +4,6 @@
 // status.
 #include "UtilTestSupport.h"
 
-#include <KestoSupport/AssertMessage.h>
-
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -23,17 +21,6 @@ using Lines = std::vector<std::string>;
 
 std::string line(unsigned level, const char* function, const std::string& text) {
   return "UtilTest " + std::to_string(level) + " FileLock::" + function + "() " + text;
-}
-
-// The message of the AssertException that `body` throws, after its location.
-template <typename Body>
-std::string assertText(Body&& body) {
-  try {
-    body();
-  } catch (const Kesto::AssertException& e) {
-    return assertMessage(e.what());
-  }
-  return "<no exception>";
 }
 
 // The descriptor that the next open() will get.
