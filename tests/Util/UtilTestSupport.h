@@ -152,6 +152,14 @@ int statusOfChild(Body&& body) {
   return status;
 }
 
+// For a child that is meant to crash: the report of the crash (a
+// sanitizer's, the terminate handler's) is not this test's output.
+inline void silenceStandardError() {
+  const int null = ::open("/dev/null", O_WRONLY);
+  ::dup2(null, 2);
+  ::close(null);
+}
+
 inline bool exitedWith(int status, int code) { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
 
 // The message of the RuntimeException that `body` throws, or "<no exception>".
