@@ -23,6 +23,7 @@
 #include <Kesto/TimerWheel/TimerWheel.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 
+#include <KestoSupport/BenchRepetitions.h>
 #include <KestoSupport/MallocCounter.h>
 
 #include <benchmark/benchmark.h>
@@ -40,22 +41,11 @@ namespace {
 
 using Kesto::TimerWheel;
 using Kesto::TimerWheelEvent;
+using KestoSupport::repeated;
 
 constexpr size_t population = 1'000'000;
 constexpr size_t tableSize = 1 << 20;
 constexpr int64_t startStopIterations = 2'000'000;
-
-// On a shared machine the fastest of several runs is the figure that
-// reflects the code rather than its neighbours.
-double minimum(const std::vector<double>& v) {
-  double m = v.empty() ? 0.0 : v[0];
-  for (double x : v)
-    m = x < m ? x : m;
-  return m;
-}
-void repeated(benchmark::internal::Benchmark* b) {
-  b->Repetitions(5)->ComputeStatistics("min", minimum)->ReportAggregatesOnly(true);
-}
 
 // Random delays and indices drawn before any timed loop, used round robin.
 struct RandomTables {

@@ -26,6 +26,7 @@
 #include <Kesto/Util/DirNode.h>
 #include <Kesto/Util/FileLock.h>
 
+#include <KestoSupport/BenchRepetitions.h>
 #include <KestoSupport/DirWalk.h>
 
 #include <benchmark/benchmark.h>
@@ -45,6 +46,8 @@
 
 namespace {
 
+using KestoSupport::repeated;
+
 constexpr int topDirectories = 20;
 constexpr int subDirectories = 50;
 constexpr int filesPerDirectory = 100;
@@ -59,16 +62,6 @@ using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double minimum(const std::vector<double>& v) {
-  double m = v.empty() ? 0.0 : v[0];
-  for (double x : v)
-    m = x < m ? x : m;
-  return m;
-}
-void repeated(benchmark::internal::Benchmark* b) {
-  b->Repetitions(5)->ComputeStatistics("min", minimum)->ReportAggregatesOnly(true);
 }
 
 Kesto::Platform::DebugHandler& benchHandler() {

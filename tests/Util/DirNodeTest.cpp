@@ -20,16 +20,6 @@ std::string line(unsigned level, const char* function, const std::string& text) 
   return "UtilTest " + std::to_string(level) + " DirNode::" + function + "() " + text;
 }
 
-template <typename Body>
-std::string runtimeText(Body&& body) {
-  try {
-    body();
-  } catch (const Kesto::RuntimeException& e) {
-    return e.what();
-  }
-  return "<no exception>";
-}
-
 Names sorted(const std::vector<Kesto::String>& names) {
   Names result;
   for (const Kesto::String& name : names)
@@ -129,6 +119,14 @@ TEST_F(DirNodeTest, PathThatIsAFileOrGoesThroughOneIsALevelNineDetail) {
                    line(9, "openDir", "failed to open " + dir / "plain/below" + " errno: 20"),
                    line(9, "openDir", "failed to open  errno: 2")}),
             trace.linesWith("openDir"));
+}
+
+TEST_F(DirNodeTest, NameTooLongIsAFailureAtLevelOne) {
+  const std::string tooLong = dir / std::string(300, 'n');
+  TraceCapture trace({1, 9}, *handler);
+  DirNode node(*handler, tooLong, nullptr);
+  EXPECT_FALSE(node.isOpen());
+  EXPECT_EQ((Lines{line(1, "openDir", "failed to open " + tooLong + " errno: 36")}), trace.linesWith("openDir"));
 }
 
 // Any other failure to open (here EMFILE) is a failure: level 1.

@@ -4,8 +4,6 @@
 // status.
 #include "UtilTestSupport.h"
 
-#include <KestoSupport/AssertMessage.h>
-
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -23,17 +21,6 @@ using Lines = std::vector<std::string>;
 
 std::string line(unsigned level, const char* function, const std::string& text) {
   return "UtilTest " + std::to_string(level) + " FileLock::" + function + "() " + text;
-}
-
-// The message of the AssertException that `body` throws, after its location.
-template <typename Body>
-std::string assertText(Body&& body) {
-  try {
-    body();
-  } catch (const Kesto::AssertException& e) {
-    return assertMessage(e.what());
-  }
-  return "<no exception>";
 }
 
 // The descriptor that the next open() will get.
@@ -303,6 +290,15 @@ TEST_F(FileLockTest, LockFileThatIsADirectoryIsFalse) {
   EXPECT_EQ(before, openDescriptorCount());
 }
 
+TEST_F(FileLockTest, FilenameLongerThanTheFileSystemTakesIsFalse) {
+  const std::string name(300, 'n');
+  FileLock lock(*handler, lockDir, name);
+  TraceCapture trace({1}, *handler);
+  EXPECT_FALSE(lock.lock(false));
+  EXPECT_EQ((Lines{line(1, "lock", "error: could not open lock file:" + lockDir + "/" + name + " File name too long")}),
+            trace.lines());
+}
+
 TEST_F(FileLockTest, OutOfDescriptorsLockIsFalse) {
   const int status = statusOfChild([&] {
     FileLock lock(*handler, lockDir, "app.lock");
@@ -333,6 +329,7 @@ TEST_F(FileLockTest, EmptyDirectoryIsTheFilenameAloneAndCannotBeLocked) {
   FileLock lock(*handler, "", "app.lock");
   EXPECT_EQ("app.lock", lock.file());
   const int status = statusOfChild([&] {
+    silenceStandardError();
     lock.lock(false);
     return 0;
   });
@@ -428,7 +425,7 @@ TEST_F(FileLockTest, DestroyingAnInheritedLockInAChildWithoutCloseFdEndsTheChild
   auto lock = std::make_unique<FileLock>(*handler, lockDir, "app.lock");
   ASSERT_TRUE(lock->lock(false));
   const int status = statusOfChild([&] {
-    ::close(2); // the assertion's line and the terminate handler's report
+    silenceStandardError(); // the assertion's line and the terminate handler's report
     lock.reset();
     return 0;
   });

@@ -2,8 +2,6 @@
 // failures that happen to root as well as to anyone (see UtilTestSupport.h).
 #include "UtilTestSupport.h"
 
-#include <KestoSupport/AssertMessage.h>
-
 #include <sys/time.h>
 
 #include <cerrno>
@@ -23,28 +21,6 @@ std::string line(unsigned level, const char* function, const std::string& text) 
 
 std::string kestoUtilLine(unsigned level, const char* function, const std::string& text) {
   return utilLine("KestoUtil", level, function, text);
-}
-
-// The message of the RuntimeException that `body` throws, or "<no exception>".
-template <typename Body>
-std::string runtimeText(Body&& body) {
-  try {
-    body();
-  } catch (const Kesto::RuntimeException& e) {
-    return e.what();
-  }
-  return "<no exception>";
-}
-
-// The message of the AssertException that `body` throws, after its location.
-template <typename Body>
-std::string assertText(Body&& body) {
-  try {
-    body();
-  } catch (const Kesto::AssertException& e) {
-    return assertMessage(e.what());
-  }
-  return "<no exception>";
 }
 
 class FileUtil : public ::testing::Test {
@@ -88,6 +64,11 @@ TEST_F(FileUtil, FileReadOfALargeFileGivesAllOfIt) {
     content += std::to_string(i) + "\n";
   writeFile(path, content);
   EXPECT_EQ(content, Util::fileRead(*handler, path.c_str(), false));
+}
+
+// An endless file of NUL bytes ends at the first one.
+TEST_F(FileUtil, FileReadOfDevZeroEndsAtItsFirstByte) {
+  EXPECT_EQ("", Util::fileRead(*handler, "/dev/zero", true));
 }
 
 TEST_F(FileUtil, FileReadOfAMissingFileGivesEmptyAndTracesOnlyWhenAsked) {
@@ -411,6 +392,7 @@ TEST_F(FileUtil, MkpathOfARelativePathWorksFromTheWorkingDirectory) {
 // stack runs out, so the child never returns from mkpath.
 TEST_F(FileUtil, MkpathOfTheEmptyPathRecursesUntilTheStackRunsOut) {
   const int status = statusOfChild([] {
+    silenceStandardError();
     Util::mkpath("", 0777);
     return 0;
   });

@@ -11,6 +11,7 @@
 
 #include <Kesto/EventKesto.h>
 
+#include <KestoSupport/AssertMessage.h>
 #include <KestoSupport/TraceCapture.h>
 
 #include <gtest/gtest.h>
@@ -151,6 +152,37 @@ int statusOfChild(Body&& body) {
   return status;
 }
 
+// For a child that is meant to crash: the report of the crash (a
+// sanitizer's, the terminate handler's) is not this test's output.
+inline void silenceStandardError() {
+  const int null = ::open("/dev/null", O_WRONLY);
+  ::dup2(null, 2);
+  ::close(null);
+}
+
 inline bool exitedWith(int status, int code) { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
+
+// The message of the RuntimeException that `body` throws, or "<no exception>".
+template <typename Body>
+std::string runtimeText(Body&& body) {
+  try {
+    body();
+  } catch (const Kesto::RuntimeException& e) {
+    return e.what();
+  }
+  return "<no exception>";
+}
+
+// The message of the AssertException that `body` throws, after its
+// location ("Class::function() text"), or "<no exception>".
+template <typename Body>
+std::string assertText(Body&& body) {
+  try {
+    body();
+  } catch (const Kesto::AssertException& e) {
+    return assertMessage(e.what());
+  }
+  return "<no exception>";
+}
 
 } // namespace KestoTest
