@@ -32,6 +32,7 @@
 #include <Kesto/TimerWheel/TimerWheel.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 #include <Kesto/TimerWheel/TimerWheelState.h>
+#include <Kesto/Util/Sensitive.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 
