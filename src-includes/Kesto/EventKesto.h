@@ -32,7 +32,9 @@
 #include <Kesto/TimerWheel/TimerWheel.h>
 #include <Kesto/TimerWheel/TimerWheelEvent.h>
 #include <Kesto/TimerWheel/TimerWheelState.h>
+#include <Kesto/Util/FileUtil.h>
 #include <Kesto/Util/Sensitive.h>
+#include <Kesto/Util/TextEncoding.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
 

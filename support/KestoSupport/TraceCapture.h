@@ -34,7 +34,7 @@ public:
   explicit TraceCapture(std::initializer_list<unsigned short> levels = {8, 9},
                         Kesto::Platform::DebugHandler& handler = *Kesto::Debug::taskScheduler)
       : handler_(handler) {
-    using Ixo::DebugControl;
+    using Kesto::Ixo::DebugControl;
     savedFormat_ = {DebugControl::showDate_,     DebugControl::showTime_,       DebugControl::showPid_,
                     DebugControl::showTid_,      DebugControl::showHandleName_, DebugControl::showLevel_,
                     DebugControl::showLineInfo_, DebugControl::showFuncName_};
@@ -60,7 +60,7 @@ public:
       capturing_ = false;
       for (unsigned short level : turnedOn_)
         handler_.enabledIs(level, false);
-      using Ixo::DebugControl;
+      using Kesto::Ixo::DebugControl;
       Kesto::Platform::Loco::Guard guard;
       bool* flags[] = {&DebugControl::showDate_,     &DebugControl::showTime_,       &DebugControl::showPid_,
                        &DebugControl::showTid_,      &DebugControl::showHandleName_, &DebugControl::showLevel_,
