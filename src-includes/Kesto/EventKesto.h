@@ -34,6 +34,7 @@
 #include <Kesto/TimerWheel/TimerWheelState.h>
 #include <Kesto/Util/FileUtil.h>
 #include <Kesto/Util/Sensitive.h>
+#include <Kesto/Util/Socket.h>
 #include <Kesto/Util/TextEncoding.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>

@@ -5,12 +5,8 @@
 // array) with thin layers over malloc and free, so that it can look at a
 // buffer's bytes at the moment the library hands it to delete[], and make the
 // allocation of a shared pointer's control block fail on request.
-#include <Kesto/Debug/DebugControl.h>
 #include <Kesto/Debug/Trace.h>
 #include <Kesto/Util/Sensitive.h>
-
-// The trace capture names the control class without its outer namespace.
-namespace Ixo = Kesto::Ixo;
 
 #include <KestoSupport/AssertMessage.h>
 #include <KestoSupport/TraceCapture.h>
