@@ -14,6 +14,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,6 +54,29 @@ inline std::string netnsPrivilegeMissing() {
   return "";
 }
 
+// Serialises the changes to /run/netns of concurrent test processes. The
+// first `ip netns add` of a system bind-mounts the directory on itself; a
+// name being mounted by another test at that moment would be copied into
+// the new mount and could no longer be removed. iproute2's ip takes the
+// same lock, an exclusive flock() of the directory, for its changes (so it
+// must not be held around a run of ip); the bind mount keeps the inode.
+class NetnsDirLock {
+public:
+  NetnsDirLock() : fd_(::open(NETNS_RUN_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (fd_ >= 0)
+      ::flock(fd_, LOCK_EX);
+  }
+  ~NetnsDirLock() {
+    if (fd_ >= 0)
+      ::close(fd_);
+  }
+  NetnsDirLock(const NetnsDirLock&) = delete;
+  NetnsDirLock& operator=(const NetnsDirLock&) = delete;
+
+private:
+  int fd_;
+};
+
 // Skips the test, with the reason, where namespaces cannot be made.
 #define SKIP_WITHOUT_NETNS_PRIVILEGE()                                                                      \
   do {                                                                                                      \
@@ -78,6 +102,7 @@ public:
   static std::unique_ptr<NamedNetns> attachCurrent(const std::string& name) { return make(name, false); }
 
   ~NamedNetns() {
+    NetnsDirLock lock;
     ::umount2(path_.c_str(), MNT_DETACH);
     ::unlink(path_.c_str());
   }
@@ -92,6 +117,7 @@ private:
   explicit NamedNetns(const std::string& name) : name_(name), path_(std::string(NETNS_RUN_DIR) + "/" + name) {}
 
   static std::unique_ptr<NamedNetns> make(const std::string& name, bool fresh) {
+    NetnsDirLock lock;
     std::unique_ptr<NamedNetns> ns(new NamedNetns(name));
     std::string error;
     const auto bind = [&] {

@@ -132,6 +132,7 @@ TEST(Netns, ANamespaceMadeByIpNetnsAddIsEntered) {
     std::string name;
     ~Delete() { std::system(("ip netns delete " + name + " 2>/dev/null").c_str()); }
   } remove{name};
+  // ip takes the lock of NetnsDirLock itself.
   ASSERT_EQ(std::system(("ip netns add " + name).c_str()), 0);
   const ino_t named = nsInode(std::string(NETNS_RUN_DIR) + "/" + name);
   ASSERT_NE(named, 0u);

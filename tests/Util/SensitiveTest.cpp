@@ -257,6 +257,24 @@ TEST_F(SensitiveTest, PiecesBeyond32BitsAssertBeforeAllocating) {
   EXPECT_TRUE(watch.recordArrayNew) << "new[] was called";
 }
 
+TEST_F(SensitiveTest, NullDataOfNonZeroSizeAssertsBeforeAllocating) {
+  Kesto::throwOnAssertFailIs(true);
+  watch.recordArrayNew = true;
+  const auto messageOf = [](auto&& build) {
+    try {
+      build();
+    } catch (const Kesto::AssertException& e) {
+      return KestoTest::assertMessage(e.what());
+    }
+    return std::string("no assertion");
+  };
+  EXPECT_EQ(messageOf([] { Sensitive s(nullptr, 3); }), "Kesto::Sensitive::checkPiece() null data of 3 bytes");
+  EXPECT_EQ(messageOf([] { Sensitive s(secret, 2, nullptr, 5); }),
+            "Kesto::Sensitive::checkPiece() null data of 5 bytes");
+  Kesto::throwOnAssertFailIs(false);
+  EXPECT_TRUE(watch.recordArrayNew) << "new[] was called";
+}
+
 // The printed forms: address and size, and nothing of the content, whether
 // as raw bytes or as their hexadecimal text.
 TEST_F(SensitiveTest, PrintedFormsShowAddressAndSizeButNeverTheBytes) {

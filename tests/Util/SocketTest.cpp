@@ -472,6 +472,17 @@ TEST_F(SocketTest, AMissingSymbolIsNullWithItsErrorKeptOnce) {
             line(1, "resolveSym", "symbolName:kestoTestNoSuchSymbol unable to resolve:" + kept));
 }
 
+TEST_F(SocketTest, ANullSymbolNameAsserts) {
+  Kesto::throwOnAssertFailIs(true);
+  try {
+    Util::resolveSym(*handler_, nullptr);
+    ADD_FAILURE() << "no assertion";
+  } catch (const Kesto::AssertException& e) {
+    EXPECT_EQ(KestoTest::assertMessage(e.what()), "Kesto::Util::resolveSym() null symbol name");
+  }
+  Kesto::throwOnAssertFailIs(false);
+}
+
 // Sets or unsets an environment variable for the life of the object.
 class EnvScope {
 public:

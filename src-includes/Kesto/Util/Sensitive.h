@@ -14,7 +14,9 @@
 //   per built object; copies and moves allocate nothing.
 // Failure policy: a failed allocation throws std::bad_alloc; if the control
 //   block cannot be had, the buffer is wiped and freed before the exception
-//   goes on. Nothing else fails.
+//   goes on. Null data of a non-zero size, and two pieces whose sizes add
+//   up beyond 32 bits, are programming errors and assert before anything is
+//   allocated.
 #pragma once
 
 #include <Kesto/Common/Export.h>

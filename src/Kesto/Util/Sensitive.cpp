@@ -21,9 +21,17 @@ struct WipingDelete {
   }
 };
 
+// A piece to copy: bytes, or none at all.
+void checkPiece(const unsigned char* data, unsigned int size) {
+  KESTO_ASSERT(data || size == 0, "Kesto::Sensitive", "null data of {} bytes", size);
+}
+
 // The size of the joined buffer; a sum that does not fit in 32 bits would
 // allocate less than the pieces then copied into it.
-unsigned int joinedSize(unsigned int firstSize, unsigned int secondSize) {
+unsigned int joinedSize(const unsigned char* first, unsigned int firstSize, const unsigned char* second,
+                        unsigned int secondSize) {
+  checkPiece(first, firstSize);
+  checkPiece(second, secondSize);
   KESTO_ASSERT(secondSize <= ~0u - firstSize, "Kesto::Sensitive", "pieces of {} and {} bytes exceed 32 bits",
                firstSize, secondSize);
   return firstSize + secondSize;
@@ -40,14 +48,15 @@ std::shared_ptr<unsigned char> Sensitive::allocate(unsigned int size) {
   return std::shared_ptr<unsigned char>(buffer, WipingDelete{size});
 }
 
-Sensitive::Sensitive(const unsigned char* data, unsigned int size) : size_(size), data_(allocate(size)) {
+Sensitive::Sensitive(const unsigned char* data, unsigned int size)
+    : size_((checkPiece(data, size), size)), data_(allocate(size)) {
   if (size)
     std::memcpy(data_.get(), data, size);
 }
 
 Sensitive::Sensitive(const unsigned char* first, unsigned int firstSize, const unsigned char* second,
                      unsigned int secondSize)
-    : size_(joinedSize(firstSize, secondSize)), data_(allocate(size_)) {
+    : size_(joinedSize(first, firstSize, second, secondSize)), data_(allocate(size_)) {
   if (firstSize)
     std::memcpy(data_.get(), first, firstSize);
   if (secondSize)

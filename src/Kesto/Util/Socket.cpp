@@ -166,6 +166,7 @@ void emitCanaryLog(Platform::DebugHandler& handler, const String& message) {
 }
 
 void* resolveSym(Platform::DebugHandler& handler, const char* symbol) {
+  KESTO_ASSERT_H(handler, symbol != nullptr, className, "null symbol name");
   // The handle of the process itself: never closed, it is the process.
   void* process = ::dlopen(nullptr, RTLD_LAZY);
   if (!process)
