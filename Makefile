@@ -23,7 +23,7 @@ comma := ,
 
 PACKAGES := g++ make cmake ninja-build pkg-config libevent-dev libfmt-dev \
             rapidjson-dev libboost-dev googletest libgtest-dev libgmock-dev \
-            libbenchmark-dev
+            libbenchmark-dev iproute2
 
 .PHONY: all deps configure build test demo bench install clean
 

@@ -40,6 +40,8 @@
 #include <Kesto/Util/MemTrack.h>
 #include <Kesto/Util/Plugin.h>
 #include <Kesto/Util/ProcInspect.h>
+#include <Kesto/Util/Sensitive.h>
+#include <Kesto/Util/Socket.h>
 #include <Kesto/Util/TableStats.h>
 #include <Kesto/Util/TextEncoding.h>
 #include <Kesto/Util/ValuePrinter.h>

@@ -207,6 +207,10 @@ TEST(ExportedSymbols, TimeoutsExportsOnlyItsInterface) {
   expectOnlyInterface({KESTO_LIB_TIMEOUTS, {KESTO_INCLUDE_TIMEOUTS}, kestoNamespaces});
 }
 
+TEST(ExportedSymbols, NetnsExportsOnlyItsInterface) {
+  expectOnlyInterface({KESTO_LIB_NETNS, {KESTO_INCLUDE_NETNS}, kestoNamespaces});
+}
+
 // The variables a program may use directly stay exported under their names.
 TEST(ExportedSymbols, ExportedVariablesKeepTheirNames) {
   std::set<std::string> names;
