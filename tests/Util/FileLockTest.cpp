@@ -300,6 +300,8 @@ TEST_F(FileLockTest, FilenameLongerThanTheFileSystemTakesIsFalse) {
 }
 
 TEST_F(FileLockTest, OutOfDescriptorsLockIsFalse) {
+  if (!descriptorExhaustionIsTestable)
+    GTEST_SKIP() << descriptorExhaustionSkipReason;
   const int status = statusOfChild([&] {
     FileLock lock(*handler, lockDir, "app.lock");
     std::string traced;

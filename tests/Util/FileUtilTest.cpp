@@ -535,6 +535,8 @@ TEST_F(FileUtil, NoHelperLeavesADescriptorOpen) {
 // Out of descriptors: opening fails with EMFILE, and each helper takes the
 // failure as it takes any failure to open.
 TEST_F(FileUtil, OutOfDescriptorsEachHelperFailsAsForAnyOpenFailure) {
+  if (!descriptorExhaustionIsTestable)
+    GTEST_SKIP() << descriptorExhaustionSkipReason;
   const std::string file = dir / "file";
   writeFile(file, "content");
   const int status = statusOfChild([&] {
