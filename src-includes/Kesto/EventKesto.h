@@ -17,6 +17,7 @@
 #include <Kesto/Platform/PlatformEventPriority.h>
 #include <Kesto/Platform/PlatformHandlers.h>
 #include <Kesto/Platform/Time.h>
+#include <Kesto/Report/TaskNameRegex.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>
 #include <Kesto/Scheduler/Task.h>
 #include <Kesto/Scheduler/TaskBase.h>

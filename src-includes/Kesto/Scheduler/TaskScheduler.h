@@ -52,6 +52,7 @@
 #include <array>
 #include <functional>
 #include <map>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -194,6 +195,10 @@ public:
   U64 runTaskCount(TaskPriority p) const;
   TaskSchedulerQueueStats queueStats() const;
   U32 schedulerBaseBusyCallbacksRegistered() const noexcept { return U32(busyCallbacks_.size()); }
+  // Tests a report's task name filter without taking a report: the
+  // compiler's message for an invalid expression, nothing for a valid one.
+  // Writes the same line to standard error as a report would.
+  static std::optional<String> validateTaskNameRegex(const String& expression);
 
   TaskSchedulerRoot* taskSchedulerRoot() const noexcept { return taskSchedulerRoot_; }
   const Ptr<TaskSchedulerHistory>& taskSchedulerHistory() const noexcept { return taskSchedulerHistory_; }
