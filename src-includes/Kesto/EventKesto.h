@@ -18,6 +18,7 @@
 #include <Kesto/Platform/PlatformHandlers.h>
 #include <Kesto/Platform/Time.h>
 #include <Kesto/Report/TaskNameRegex.h>
+#include <Kesto/Report/TaskSchedulerSnapshot.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>
 #include <Kesto/Scheduler/Task.h>
 #include <Kesto/Scheduler/TaskBase.h>

@@ -142,11 +142,13 @@ TEST(TaskNameRegex, CachedOutcomeIsUsedInsteadOfTheEngine) {
   // Turn the cached outcome round: a second task of the same name must get
   // the cached answer, which the engine would never give. So two tasks of
   // one name cost one engine run.
+  EXPECT_EQ(r.engineRunCount(), 1u);
   r.nameMatches.at("RibOut") = Match::notMatched;
   EXPECT_FALSE(r.match<0>("RibOut"));
   r.identifierMatches["L Other"] = Match::matched;
   EXPECT_TRUE(r.match<2>("L Other"));
   EXPECT_EQ(r.nameMatches.size(), 1u);
+  EXPECT_EQ(r.engineRunCount(), 1u);
 }
 
 TEST(TaskNameRegex, UnknownEntryIsRunThroughTheEngine) {

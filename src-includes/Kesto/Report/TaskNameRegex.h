@@ -64,7 +64,12 @@ public:
   mutable MatchCache nameMatches;
   mutable MatchCache identifierMatches;
 
+  // Times the engine ran, over both caches: one per distinct string at most.
+  U64 engineRunCount() const noexcept { return engineRuns_; }
+
 private:
+  mutable U64 engineRuns_ = 0;
+
   template <unsigned N>
   MatchCache& cacheFor() const;
 };

@@ -55,10 +55,13 @@
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace Kesto {
 
+class TaskNameRegex;
 class TaskSchedulerRoot;
+class TaskSchedulerSnapshot;
 
 class KESTO_EXPORT TaskScheduler : public RefCount<HTCnt> {
 public:
@@ -224,6 +227,24 @@ public:
   // or idle. A second registration under a key replaces the first.
   void registerBusyCallback(void* key, std::function<void()> callback);
   void unregisterBusyCallback(void* key);
+
+  // --- reporting --------------------------------------------------------------
+  // No display order: the report keeps the order in which it got snapshots.
+  static constexpr U32 displayOrderNotSpecified = 0xFFFFFFFF;
+  // An immutable copy of this scheduler, its groups and (for the root, if
+  // asked) the history, for reports. `name` overrides the title; an empty
+  // `taskNameRegex` is no filter. Never throws: a failed copy gives a
+  // snapshot that carries generalError. On the root's thread only.
+  Ptr<TaskSchedulerSnapshot const> snapshot(String name, bool includeNoRunTasks, bool includeCompletedTasks,
+                                            bool includeHistory, String taskNameRegex, U32 displayOrder) const;
+  // Appends the TaskStat of each registered task, newest first, that has run
+  // (or every one with includeNoRunTasks) and whose name `regex` matches.
+  // Returns how many were left out for having no runs.
+  U32 getTaskStats(std::vector<TaskStat>* out, bool includeNoRunTasks, TaskNameRegex* regex) const;
+  U32 getTaskStats(std::vector<TaskStat>* out, bool includeNoRunTasks) const;
+  // The same over the statistics of completed tasks, one per stats name.
+  U32 getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNoRunTasks, TaskNameRegex* regex) const;
+  U32 getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNoRunTasks) const;
 
   // --- tests ------------------------------------------------------------------
   Ptr<TaskImpl> taskForTest(const String& name);

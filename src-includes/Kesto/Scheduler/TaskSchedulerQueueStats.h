@@ -22,6 +22,7 @@ struct KESTO_EXPORT TaskSchedulerPriorityStats {
 
   // Adds the four counts; the priorities must be equal.
   TaskSchedulerPriorityStats& operator+=(const TaskSchedulerPriorityStats& other);
+  friend bool operator==(const TaskSchedulerPriorityStats&, const TaskSchedulerPriorityStats&) = default;
 };
 
 class KESTO_EXPORT TaskSchedulerQueueStats : public std::map<TaskPriority, TaskSchedulerPriorityStats> {

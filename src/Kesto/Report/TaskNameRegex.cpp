@@ -62,6 +62,7 @@ bool TaskNameRegex::match(const String& name) const {
     KESTO_FAIL(className, "unexpected regexMatch");
   }
   const char* first = name.begin() + std::min<U32>(N, name.size());
+  ++engineRuns_;
   const bool matched = std::regex_match(first, name.end(), regex);
   cached = matched ? Match::matched : Match::notMatched;
   return matched;
