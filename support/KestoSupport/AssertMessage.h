@@ -7,6 +7,9 @@
 // follows them.
 #pragma once
 
+#include <Kesto/Core/Exception.h>
+#include <Kesto/Debug/Trace.h>
+
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -58,6 +61,39 @@ inline std::string debugAssertMessage(const std::string& what, const std::string
     return what;
   }
   return what.substr(start);
+}
+
+// Makes failed assertions throw quietly for the life of the object.
+class QuietAsserts {
+public:
+  QuietAsserts() : throwOnFail_(Kesto::throwOnAssertFail()), forceTrace_(Kesto::forceTraceOnAssert()) {
+    Kesto::throwOnAssertFailIs(true);
+    Kesto::forceTraceOnAssertIs(false);
+  }
+  ~QuietAsserts() {
+    Kesto::throwOnAssertFailIs(throwOnFail_);
+    Kesto::forceTraceOnAssertIs(forceTrace_);
+  }
+  QuietAsserts(const QuietAsserts&) = delete;
+  QuietAsserts& operator=(const QuietAsserts&) = delete;
+
+private:
+  bool throwOnFail_;
+  bool forceTrace_;
+};
+
+// The whole text of the AssertException that `fn` raises, or "" with a test
+// failure if none is raised.
+template <typename Fn>
+std::string assertText(Fn&& fn) {
+  QuietAsserts quiet;
+  try {
+    fn();
+  } catch (const Kesto::AssertException& e) {
+    return std::string(e.what());
+  }
+  ADD_FAILURE() << "no AssertException was raised";
+  return std::string();
 }
 
 } // namespace KestoTest
