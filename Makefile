@@ -6,6 +6,9 @@
 #   make test SANITIZE=address,undefined
 #                             the same suite under the sanitizers
 #   make bench                build and run the benchmarks
+#   make fuzz [FUZZ_SECONDS=60]
+#                             build the fuzz targets with clang and run each
+#                             for FUZZ_SECONDS under the sanitizers
 #   make install PREFIX=/usr/local
 
 SHELL := /bin/bash
@@ -24,13 +27,17 @@ comma := ,
 PACKAGES := g++ make cmake ninja-build pkg-config libevent-dev libfmt-dev \
             rapidjson-dev libboost-dev googletest libgtest-dev libgmock-dev \
             libbenchmark-dev iproute2
+FUZZ_PACKAGES := clang-14 libfuzzer-14-dev
+FUZZ_SECONDS ?= 60
+FUZZ_DIR ?= build-fuzz
 
-.PHONY: all deps configure build test demo bench install clean
+.PHONY: all deps fuzz-deps configure build test demo bench fuzz install clean
 
 all: build
 
-deps:
-	@missing=$$(for p in $(PACKAGES); do \
+# Installs those of the packages given that are missing.
+define install_missing
+	@missing=$$(for p in $(1); do \
 	    dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'install ok installed' || echo $$p; \
 	  done); \
 	if [ -n "$$missing" ]; then \
@@ -38,6 +45,13 @@ deps:
 	  export DEBIAN_FRONTEND=noninteractive; \
 	  apt-get update -qq && apt-get install -y -qq --no-install-recommends $$missing </dev/null; \
 	fi
+endef
+
+deps:
+	$(call install_missing,$(PACKAGES))
+
+fuzz-deps: deps
+	$(call install_missing,$(FUZZ_PACKAGES))
 
 $(BUILD_DIR)/build.ninja: | deps
 	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) \
@@ -62,6 +76,14 @@ demo: configure
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+fuzz: fuzz-deps
+	cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
+	  -DKESTO_SANITIZE=address,undefined -DKESTO_BUILD_FUZZ=ON \
+	  -DKESTO_BUILD_TESTS=OFF -DKESTO_BUILD_BENCH=OFF -DKESTO_BUILD_EXAMPLES=OFF
+	cmake --build $(FUZZ_DIR) -j $(JOBS)
+	fuzz/run $(FUZZ_DIR) $(FUZZ_SECONDS)
 
 install: build
 	cmake --install $(BUILD_DIR)
