@@ -472,3 +472,85 @@ TEST_F(DirNodeTest, WalkOfAMissingRootThrowsAsFindFilesDoes) {
             trace.lines());
   EXPECT_EQ(before, openDescriptorCount());
 }
+
+// --- a file system without entry types --------------------------------------------------------------
+
+namespace {
+
+// Runs a shell command with its output discarded; true if it exits with 0.
+// mke2fs and mount live in the administrator's directories, which a test
+// run's PATH may lack.
+bool run(const std::string& command) {
+  const std::string line = "PATH=\"$PATH:/usr/sbin:/sbin\" " + command + " >/dev/null 2>&1";
+  return std::system(line.c_str()) == 0;
+}
+
+// A real file system whose directories give DT_UNKNOWN for every entry:
+// ext2 made without its filetype feature, from an image in `dir`, mounted
+// through a loop device. Empty `skipReason()` when mounted; the reason
+// otherwise (no mke2fs, no right to mount, no loop device).
+class UntypedFileSystem {
+public:
+  explicit UntypedFileSystem(const ScratchDir& dir) : image_(dir / "untyped.img"), mountPoint_(dir / "untyped") {
+    ::mkdir(mountPoint_.c_str(), 0700);
+    if (!run("truncate -s 4M '" + image_ + "'") || !run("mke2fs -q -t ext2 -O ^filetype -F '" + image_ + "'"))
+      skipReason_ = "mke2fs (e2fsprogs) could not make an ext2 image without file types";
+    else if (!run("mount -o loop '" + image_ + "' '" + mountPoint_ + "'"))
+      skipReason_ = "this process may not mount a file system image through a loop device";
+    else
+      mounted_ = true;
+  }
+  ~UntypedFileSystem() {
+    if (mounted_ && !run("umount '" + mountPoint_ + "'"))
+      ADD_FAILURE() << "umount " << mountPoint_ << " failed";
+  }
+  UntypedFileSystem(const UntypedFileSystem&) = delete;
+  UntypedFileSystem& operator=(const UntypedFileSystem&) = delete;
+
+  const std::string& skipReason() const { return skipReason_; }
+  const std::string& path() const { return mountPoint_; }
+
+private:
+  std::string image_;
+  std::string mountPoint_;
+  std::string skipReason_;
+  bool mounted_ = false;
+};
+
+} // namespace
+
+// The file system says what an entry is only when asked by stat, which the
+// walker never does: regular files, links and subdirectories alike are
+// neither taken nor entered.
+TEST_F(DirNodeTest, EntriesOfUnknownTypeGiveNoHitsAndAreNotEntered) {
+  UntypedFileSystem untyped(dir);
+  if (!untyped.skipReason().empty())
+    GTEST_SKIP() << untyped.skipReason();
+  const std::string root = untyped.path();
+  writeFile(root + "/a.log", "a");
+  ASSERT_EQ(0, ::symlink("a.log", (root + "/b.log").c_str()));
+  ASSERT_EQ(0, ::mkdir((root + "/sub").c_str(), 0700));
+  writeFile(root + "/sub/c.log", "c");
+  // What the file system gives: no type for any entry, though stat knows.
+  {
+    DirNode node(*handler, root, nullptr);
+    Names untypedNames;
+    while (const dirent* entry = node.readEntry())
+      if (entry->d_type == DT_UNKNOWN)
+        untypedNames.push_back(entry->d_name);
+    std::sort(untypedNames.begin(), untypedNames.end());
+    ASSERT_EQ((Names{".", "..", "a.log", "b.log", "lost+found", "sub"}), untypedNames);
+    struct stat st {};
+    ASSERT_EQ(0, ::lstat((root + "/a.log").c_str(), &st));
+    ASSERT_TRUE(S_ISREG(st.st_mode));
+    node.rewind();
+    while (const dirent* entry = node.readEntry())
+      EXPECT_FALSE(DirNode::matchesExtension(*entry, ".log")) << entry->d_name;
+    EXPECT_EQ(std::vector<Kesto::String>{}, node.findFiles(".log"));
+    EXPECT_EQ(std::vector<Kesto::String>{}, node.findFiles(""));
+  }
+  TraceCapture trace({9}, *handler);
+  EXPECT_EQ(std::vector<Kesto::String>{}, DirNode::findFilesInTree(*handler, root, ""));
+  EXPECT_EQ(0u, trace.linesWith("path: " + root + "/sub").size()) << trace.text();
+  EXPECT_EQ(0u, trace.linesWith("skipping file:").size()) << trace.text();
+}
