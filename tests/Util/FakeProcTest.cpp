@@ -8,6 +8,10 @@
 #include "ProcSeamScope.h"
 #include "UtilTestSupport.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdio>
 #include <vector>
 
 extern "C" {
@@ -147,4 +151,48 @@ TEST_F(FakeProc, SocketLineWhoseInodeIsNoNumberIsTracedAndPassedOver) {
                    line(1, "readProcNetUnix", "Couldn't convert inode 'none' to U32."),
                    line(5, "readSocketPid", "unable to find inode")}),
             trace.lines());
+}
+
+// Every directory of real /proc that has an fd directory is named by a
+// number or is "self"; a fake one named otherwise holds a link to a real
+// socket file, whose inode the fake net/unix gives as the socket's.
+TEST_F(FakeProc, SocketHeldUnderAnEntryThatIsNoNumberGivesZeroWithATrace) {
+  const std::string socketPath = root / "sock";
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_GE(fd, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
+  ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  struct stat st {};
+  ASSERT_EQ(0, ::stat(socketPath.c_str(), &st));
+  std::filesystem::create_directories(root / "net");
+  writeFile(root / "net/unix", fmt::format("Num       RefCount Protocol Flags    Type St Inode Path\n"
+                                           "0000000000000000: 00000002 00000000 00010000 0001 01 {} @fake-socket\n",
+                                           st.st_ino));
+  std::filesystem::create_directories(root / "abc/fd");
+  ASSERT_EQ(0, ::symlink(socketPath.c_str(), (root / "abc/fd/3").c_str()));
+  TraceCapture trace({1, 5}, *handler);
+  EXPECT_EQ(0u, Util::readSocketPid(*handler, "fake-socket"));
+  EXPECT_EQ((Lines{line(5, "readSocketPid", "searching for socket name:fake-socket"),
+                   line(5, "readProcNetUnix", fmt::format("sockInode:{}", st.st_ino)),
+                   line(5, "readProcFd", fmt::format("searching for inode: {}", st.st_ino)),
+                   line(1, "readProcFd", "could not convert pid directory string 'abc' to U32")}),
+            trace.lines());
+  // Under "self" the same descriptor is the caller's.
+  std::filesystem::rename(root / "abc", root / "self");
+  EXPECT_EQ(static_cast<Kesto::U32>(::getpid()), Util::readSocketPid(*handler, "fake-socket"));
+  ::close(fd);
+}
+
+// A descriptor of real /proc is always a link; a regular file in its place
+// passes stat and fails readlink.
+TEST_F(FakeProc, DescriptorThatIsNoLinkIsTracedAndPassedOverInTheWalkForLocks) {
+  writeFile(root / "locks", "1: OFDLCK ADVISORY  WRITE -1 08:01:1234 0 EOF\n");
+  std::filesystem::create_directories(root / "4242/fd");
+  writeFile(root / "4242/fd/3", "not a link");
+  TraceCapture trace({1, 5}, *handler);
+  EXPECT_EQ(0u, Util::readLockPid(*handler, "/run/app.lock"));
+  EXPECT_EQ((Lines{line(1, "readLockPid", "readlink of file:" + root / "4242/fd/3" + " failed Invalid argument")}),
+            trace.linesWith("UtilTest 1 "));
 }
