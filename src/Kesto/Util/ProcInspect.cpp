@@ -81,8 +81,10 @@ public:
   }
 
   // The next entry, or null at the end. A process that exits after its
-  // directory was opened normally just shows no more entries; should the
-  // reading fail instead, that ends its walk too, rather than the search.
+  // directory was opened just shows no more entries: the kernel fails the
+  // read with ENOENT and readdir gives that as the end. Should the reading
+  // fail otherwise, that ends this process's walk too, rather than the
+  // search.
   const struct dirent* readEntry() {
     if (gone_)
       return nullptr;
