@@ -1,10 +1,9 @@
 // DirNode: opening, reading, rewinding and filtering one directory, the
-// traces of each, and a walk of a tree built from nodes.
+// traces of each, and the walk of a tree with findFilesInTree.
 #include "UtilTestSupport.h"
 
-#include <KestoSupport/DirWalk.h>
-
 #include <algorithm>
+#include <functional>
 #include <set>
 #include <vector>
 
@@ -329,34 +328,122 @@ TEST_F(DirNodeTest, NodesCloseTheirDirectoriesAndTraceAtLevelNine) {
 
 // --- a walk of a tree -------------------------------------------------------------------------------
 
-// Both walks made of nodes find what the file system says is there, and
-// leave no descriptor open.
-TEST_F(DirNodeTest, WalkOfATreeFindsEveryFileOfTheExtension) {
+// d0/e0 .. d4/e3, each with f0..f5 in .log and .txt and an empty
+// directory "empty.log", and top.log at the root; returns the .log paths.
+std::set<std::string> fillTree(const ScratchDir& dir) {
   std::set<std::string> expected;
   for (int a = 0; a < 5; ++a)
     for (int b = 0; b < 4; ++b) {
       const std::string sub = dir / ("d" + std::to_string(a) + "/e" + std::to_string(b));
-      ASSERT_EQ(0, Kesto::Util::mkpath(sub.c_str(), 0700));
+      EXPECT_EQ(0, Kesto::Util::mkpath(sub.c_str(), 0700));
       for (int f = 0; f < 6; ++f) {
         const std::string stem = sub + "/f" + std::to_string(f);
         writeFile(stem + ".log", "");
         writeFile(stem + ".txt", "");
         expected.insert(stem + ".log");
       }
-      ASSERT_EQ(0, ::mkdir((sub + "/empty.log").c_str(), 0700));
+      EXPECT_EQ(0, ::mkdir((sub + "/empty.log").c_str(), 0700));
     }
   writeFile(dir / "top.log", "");
   expected.insert(dir / "top.log");
-  for (auto walk : {walkFiles, walkFilesByFindFiles}) {
-    const int before = openDescriptorCount();
-    const std::vector<Kesto::String> found = walk(*handler, dir.path(), ".log");
-    EXPECT_EQ(before, openDescriptorCount());
-    std::set<std::string> got;
-    for (const Kesto::String& path : found)
-      got.insert(path.str());
-    EXPECT_EQ(found.size(), got.size());
-    EXPECT_EQ(expected, got);
+  return expected;
+}
+
+// The walk finds what the file system says is there, each path once, and
+// leaves no descriptor open.
+TEST_F(DirNodeTest, WalkOfATreeFindsEveryFileOfTheExtension) {
+  const std::set<std::string> expected = fillTree(dir);
+  const int before = openDescriptorCount();
+  const std::vector<Kesto::String> found = DirNode::findFilesInTree(*handler, dir.path(), ".log");
+  EXPECT_EQ(before, openDescriptorCount());
+  std::set<std::string> got;
+  for (const Kesto::String& path : found)
+    got.insert(path.str());
+  EXPECT_EQ(found.size(), got.size());
+  EXPECT_EQ(expected, got);
+}
+
+// Each directory is read once: readEntry, which traces its path at level
+// 9 on every call, is called once per entry and once more for the end,
+// and no more, in every directory of the tree.
+TEST_F(DirNodeTest, WalkOfATreeReadsEachDirectoryOnce) {
+  fillTree(dir);
+  TraceCapture trace({9}, *handler);
+  DirNode::findFilesInTree(*handler, dir.path(), ".log");
+  const Lines lines = trace.lines();
+  std::vector<std::string> directories = {dir.path()};
+  for (std::size_t i = 0; i < directories.size(); ++i) {
+    const std::string path = directories[i];
+    std::size_t entries = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(path)) {
+      ++entries;
+      if (entry.is_directory())
+        directories.push_back(entry.path().string());
+    }
+    const std::size_t reads =
+        std::count(lines.begin(), lines.end(), line(9, "readEntry", "path: " + path));
+    // "." and ".." besides what directory_iterator shows, and the end.
+    EXPECT_EQ(entries + 3, reads) << path;
+    EXPECT_EQ(1, std::count(lines.begin(), lines.end(), line(9, "findFilesInTree", "path: " + path + " extension: .log")))
+        << path;
   }
+  EXPECT_EQ(5u * 4u * 2u + 5u + 1u, directories.size());
+}
+
+// Depth first: the files of a subdirectory stand where readdir met the
+// subdirectory, between the files of its parent read before and after it.
+TEST_F(DirNodeTest, WalkOfATreeGivesFilesInReaddirOrderDepthFirst) {
+  ASSERT_EQ(0, Kesto::Util::mkpath((dir / "s/t").c_str(), 0700));
+  for (const char* name : {"a.log", "b.log", "c.log", "s/x.log", "s/y.log", "s/t/z.log"})
+    writeFile(dir / name, "");
+  // What readdir gives, walked by hand in the same order.
+  std::vector<std::string> expected;
+  std::function<void(const std::string&)> walk = [&](const std::string& path) {
+    DIR* d = ::opendir(path.c_str());
+    ASSERT_NE(nullptr, d);
+    while (const dirent* entry = ::readdir(d)) {
+      const std::string name = entry->d_name;
+      if (entry->d_type == DT_REG)
+        expected.push_back(path + "/" + name);
+      else if (entry->d_type == DT_DIR && name != "." && name != "..")
+        walk(path + "/" + name);
+    }
+    ::closedir(d);
+  };
+  walk(dir.path());
+  ASSERT_EQ(6u, expected.size());
+  std::vector<std::string> got;
+  for (const Kesto::String& path : DirNode::findFilesInTree(*handler, dir.path(), ".log"))
+    got.push_back(path.str());
+  EXPECT_EQ(expected, got);
+}
+
+TEST_F(DirNodeTest, WalkOfATreeTracesFoundAtLevelEightAndSkippedAtLevelNineWithThePath) {
+  ASSERT_EQ(0, ::mkdir((dir / "sub").c_str(), 0700));
+  writeFile(dir / "sub/a.log", "");
+  writeFile(dir / "sub/b.txt", "");
+  TraceCapture trace({8}, *handler);
+  DirNode::findFilesInTree(*handler, dir.path(), ".log");
+  EXPECT_EQ((Lines{line(8, "findFilesInTree", "found file with extension .log: " + dir.path() + "/sub/a.log")}),
+            trace.lines());
+  TraceCapture detail({9}, *handler);
+  DirNode::findFilesInTree(*handler, dir.path(), ".log");
+  EXPECT_EQ(1u, detail.linesWith(line(9, "findFilesInTree", "skipping file: " + dir.path() + "/sub/b.txt")).size());
+  EXPECT_EQ(0u, detail.linesWith("skipping file: " + dir.path() + "/sub/a.log").size());
+  EXPECT_EQ(0u, detail.linesWith("skipping file: " + dir.path() + "/sub\n").size());
+}
+
+// A link is taken as findFiles takes it, and never entered: a link to the
+// root itself does not make the walk go round.
+TEST_F(DirNodeTest, WalkOfATreeTakesLinksToDirectoriesAsFilesAndDoesNotEnterThem) {
+  ASSERT_EQ(0, ::mkdir((dir / "sub").c_str(), 0700));
+  writeFile(dir / "sub/a.log", "");
+  ASSERT_EQ(0, ::symlink("..", (dir / "sub/up.log").c_str()));
+  std::vector<std::string> got;
+  for (const Kesto::String& path : DirNode::findFilesInTree(*handler, dir.path(), ".log"))
+    got.push_back(path.str());
+  std::sort(got.begin(), got.end());
+  EXPECT_EQ((Names{dir / "sub/a.log", dir / "sub/up.log"}), got);
 }
 
 TEST_F(DirNodeTest, MatchesExtensionTakesWhatFindFilesTakes) {
@@ -373,7 +460,97 @@ TEST_F(DirNodeTest, MatchesExtensionTakesWhatFindFilesTakes) {
   }
 }
 
-TEST_F(DirNodeTest, WalkOfAMissingRootFindsNothing) {
-  EXPECT_TRUE(walkFiles(*handler, dir / "missing", ".log").empty());
-  EXPECT_TRUE(walkFilesByFindFiles(*handler, dir / "missing", ".log").empty());
+// As findFiles on a node that did not open; nothing is left open.
+TEST_F(DirNodeTest, WalkOfAMissingRootThrowsAsFindFilesDoes) {
+  const int before = openDescriptorCount();
+  TraceCapture trace({0}, *handler);
+  EXPECT_EQ("DirNode::findFilesInTree() cannot find .log files in " + dir / "missing" +
+                " because the directory is not open",
+            runtimeText([&] { DirNode::findFilesInTree(*handler, dir / "missing", ".log"); }));
+  EXPECT_EQ((Lines{line(0, "findFilesInTree",
+                        "cannot find .log files in " + dir / "missing" + " because the directory is not open")}),
+            trace.lines());
+  EXPECT_EQ(before, openDescriptorCount());
+}
+
+// --- a file system without entry types --------------------------------------------------------------
+
+namespace {
+
+// Runs a shell command with its output discarded; true if it exits with 0.
+// mke2fs and mount live in the administrator's directories, which a test
+// run's PATH may lack.
+bool run(const std::string& command) {
+  const std::string line = "PATH=\"$PATH:/usr/sbin:/sbin\" " + command + " >/dev/null 2>&1";
+  return std::system(line.c_str()) == 0;
+}
+
+// A real file system whose directories give DT_UNKNOWN for every entry:
+// ext2 made without its filetype feature, from an image in `dir`, mounted
+// through a loop device. Empty `skipReason()` when mounted; the reason
+// otherwise (no mke2fs, no right to mount, no loop device).
+class UntypedFileSystem {
+public:
+  explicit UntypedFileSystem(const ScratchDir& dir) : image_(dir / "untyped.img"), mountPoint_(dir / "untyped") {
+    ::mkdir(mountPoint_.c_str(), 0700);
+    if (!run("truncate -s 4M '" + image_ + "'") || !run("mke2fs -q -t ext2 -O ^filetype -F '" + image_ + "'"))
+      skipReason_ = "mke2fs (e2fsprogs) could not make an ext2 image without file types";
+    else if (!run("mount -o loop '" + image_ + "' '" + mountPoint_ + "'"))
+      skipReason_ = "this process may not mount a file system image through a loop device";
+    else
+      mounted_ = true;
+  }
+  ~UntypedFileSystem() {
+    if (mounted_ && !run("umount '" + mountPoint_ + "'"))
+      ADD_FAILURE() << "umount " << mountPoint_ << " failed";
+  }
+  UntypedFileSystem(const UntypedFileSystem&) = delete;
+  UntypedFileSystem& operator=(const UntypedFileSystem&) = delete;
+
+  const std::string& skipReason() const { return skipReason_; }
+  const std::string& path() const { return mountPoint_; }
+
+private:
+  std::string image_;
+  std::string mountPoint_;
+  std::string skipReason_;
+  bool mounted_ = false;
+};
+
+} // namespace
+
+// The file system says what an entry is only when asked by stat, which the
+// walker never does: regular files, links and subdirectories alike are
+// neither taken nor entered.
+TEST_F(DirNodeTest, EntriesOfUnknownTypeGiveNoHitsAndAreNotEntered) {
+  UntypedFileSystem untyped(dir);
+  if (!untyped.skipReason().empty())
+    GTEST_SKIP() << untyped.skipReason();
+  const std::string root = untyped.path();
+  writeFile(root + "/a.log", "a");
+  ASSERT_EQ(0, ::symlink("a.log", (root + "/b.log").c_str()));
+  ASSERT_EQ(0, ::mkdir((root + "/sub").c_str(), 0700));
+  writeFile(root + "/sub/c.log", "c");
+  // What the file system gives: no type for any entry, though stat knows.
+  {
+    DirNode node(*handler, root, nullptr);
+    Names untypedNames;
+    while (const dirent* entry = node.readEntry())
+      if (entry->d_type == DT_UNKNOWN)
+        untypedNames.push_back(entry->d_name);
+    std::sort(untypedNames.begin(), untypedNames.end());
+    ASSERT_EQ((Names{".", "..", "a.log", "b.log", "lost+found", "sub"}), untypedNames);
+    struct stat st {};
+    ASSERT_EQ(0, ::lstat((root + "/a.log").c_str(), &st));
+    ASSERT_TRUE(S_ISREG(st.st_mode));
+    node.rewind();
+    while (const dirent* entry = node.readEntry())
+      EXPECT_FALSE(DirNode::matchesExtension(*entry, ".log")) << entry->d_name;
+    EXPECT_EQ(std::vector<Kesto::String>{}, node.findFiles(".log"));
+    EXPECT_EQ(std::vector<Kesto::String>{}, node.findFiles(""));
+  }
+  TraceCapture trace({9}, *handler);
+  EXPECT_EQ(std::vector<Kesto::String>{}, DirNode::findFilesInTree(*handler, root, ""));
+  EXPECT_EQ(0u, trace.linesWith("path: " + root + "/sub").size()) << trace.text();
+  EXPECT_EQ(0u, trace.linesWith("skipping file:").size()) << trace.text();
 }

@@ -499,3 +499,47 @@ TEST_F(FileLockTest, ExactlyOneOfManyContendingProcessesWins) {
   EXPECT_EQ(1, std::count(outcomes.begin(), outcomes.end(), 'W')) << outcomes;
   EXPECT_TRUE(freeForOthers());
 }
+
+// --- a descriptor closed under the object ----------------------------------------------------------
+
+// Nothing the process does through the object can make its descriptor bad;
+// closing it behind the object's back can, and does it for real: every
+// call on it then fails with EBADF. The capture is set up first, so that
+// no open of this thread takes the freed number before the object uses it.
+TEST_F(FileLockTest, CloseFdOfADescriptorClosedUnderTheObjectIsTracedAtLevelOne) {
+  FileLock lock(*handler, lockDir, "app.lock");
+  ASSERT_TRUE(lock.lock(false));
+  const int fd = descriptorOn(lockFile);
+  ASSERT_GE(fd, 0);
+  {
+    TraceCapture trace({1, 5}, *handler);
+    ASSERT_EQ(0, ::close(fd));
+    lock.closeFd();
+    EXPECT_EQ((Lines{line(5, "closeFd", fmt::format("file:{} fd:{}", lockFile, fd)),
+                     line(1, "closeFd", fmt::format("error: Bad file descriptor file:{} fd:{}", lockFile, fd))}),
+              trace.lines());
+  }
+  // The descriptor is forgotten all the same: a second closeFd has nothing
+  // to do, and the lock went with the description.
+  TraceCapture trace({1, 5}, *handler);
+  lock.closeFd();
+  EXPECT_EQ((Lines{line(5, "closeFd", fmt::format("file:{} fd:-1", lockFile)),
+                   line(5, "closeFd", "no active fd: nothing to do")}),
+            trace.lines());
+  EXPECT_TRUE(freeForOthers());
+}
+
+TEST_F(FileLockTest, ReleaseOfADescriptorClosedUnderTheObjectAsserts) {
+  FileLock lock(*handler, lockDir, "app.lock");
+  ASSERT_TRUE(lock.lock(false));
+  const int fd = descriptorOn(lockFile);
+  ASSERT_GE(fd, 0);
+  TraceCapture trace({}, *handler);
+  ASSERT_EQ(0, ::close(fd));
+  EXPECT_EQ(fmt::format("FileLock::release() unexpected error: Bad file descriptor file:{} fd:{}", lockFile, fd),
+            assertText([&] { lock.release(); }));
+  // The object still holds the number; closeFd lets it go (failing in turn)
+  // so that the destructor does not release again.
+  lock.closeFd();
+  EXPECT_EQ(1u, trace.linesWith("UtilTest 0 ").size());
+}

@@ -2,6 +2,7 @@
 // known name, command line, unix socket or lock, children that are gone,
 // and children that exit while a walk reads /proc. Every child waits on a
 // pipe, so the parent knows when it is ready and decides when it ends.
+#include "ProcSeamScope.h"
 #include "UtilTestSupport.h"
 
 #include <sys/prctl.h>
@@ -349,6 +350,145 @@ TEST_F(ProcInspect, WalksCopeWithChildrenThatExitDuringTheScan) {
     EXPECT_EQ(static_cast<U32>(holder.pid()), Util::readLockPid(*handler, lockFile));
     transient.clear();
   }
+}
+
+// --- processes that vanish at a known point of a walk ------------------------------------------------
+
+// The race above lets children exit while the walks read /proc, but where
+// each one vanishes is luck. Here it is forced: two children share one
+// descriptor (inherited from this process, which then closes its own), and
+// the walk's hook kills and reaps whichever of them the walk meets first,
+// at the point given. The walk must pass over the one that vanished, with
+// the trace of that point, and find the other, whatever their order in
+// /proc.
+class VanishingSharer {
+public:
+  VanishingSharer(ProcSeamScope& seam, Kesto::Util::ProcWalkPoint point, int sharedFd)
+      : a_([] { return true; }), b_([] { return true; }) {
+    EXPECT_TRUE(a_.ready());
+    EXPECT_TRUE(b_.ready());
+    ::close(sharedFd);
+    seam.hookIs([this, point](Kesto::Util::ProcWalkPoint at, const char* entry) {
+      const pid_t pid = static_cast<pid_t>(std::strtol(entry, nullptr, 10));
+      if (at != point || victim_ != 0 || (pid != a_.pid() && pid != b_.pid()))
+        return;
+      ::kill(pid, SIGKILL);
+      int status;
+      ::waitpid(pid, &status, 0);
+      victim_ = pid;
+    });
+  }
+
+  pid_t victim() const { return victim_; }
+  pid_t survivor() const { return victim_ == a_.pid() ? b_.pid() : victim_ == b_.pid() ? a_.pid() : 0; }
+
+private:
+  Child a_;
+  Child b_;
+  pid_t victim_ = 0;
+};
+
+// An open-file-description lock on `path`, or -1.
+int lockedDescriptor(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0600);
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  if (fd >= 0 && ::fcntl(fd, F_OFD_SETLK, &whole) == 0)
+    return fd;
+  if (fd >= 0)
+    ::close(fd);
+  return -1;
+}
+
+TEST_F(ProcInspect, SocketPidPassesOverAProcessGoneBetweenListingAndOpeningItsDescriptors) {
+  const std::string name = uniqueName("vanish-listed");
+  const int fd = boundSocket(name, true);
+  ASSERT_GE(fd, 0);
+  ProcSeamScope seam;
+  VanishingSharer sharer(seam, Kesto::Util::ProcWalkPoint::processListed, fd);
+  TraceCapture trace({1, 5, 9}, *handler);
+  const U32 found = Util::readSocketPid(*handler, name);
+  ASSERT_NE(0, sharer.victim());
+  EXPECT_EQ(static_cast<U32>(sharer.survivor()), found);
+  // Listed, then not there to open: the open's level 9 trace, and not one
+  // of its descriptors read.
+  EXPECT_EQ((Lines{fmt::format("UtilTest 9 DirNode::openDir() failed to open /proc/{}/fd errno: 2", sharer.victim())}),
+            trace.linesWith(fmt::format("failed to open /proc/{}/fd", sharer.victim())));
+  EXPECT_EQ(0u, trace.linesWith(fmt::format("/proc/{}/fd/", sharer.victim())).size()) << trace.text();
+}
+
+// Each "reading entry" of the victim's descriptors in `lines` followed at
+// once by the stat failure `failure(path)`; the number of such pairs.
+template <typename Failure>
+int statFailuresAfterReading(const Lines& lines, pid_t victim, Failure&& failure) {
+  const std::string prefix = fmt::format("/proc/{}/fd/", victim);
+  int pairs = 0;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const std::size_t at = lines[i].find("reading entry " + prefix);
+    if (at == std::string::npos)
+      continue;
+    const std::string path = lines[i].substr(at + std::strlen("reading entry "));
+    EXPECT_LT(i + 1, lines.size());
+    if (i + 1 < lines.size() && lines[i + 1] == failure(path))
+      ++pairs;
+    else
+      ADD_FAILURE() << "no stat failure after: " << lines[i];
+  }
+  return pairs;
+}
+
+TEST_F(ProcInspect, SocketPidPassesOverAProcessGoneBeforeItsDescriptorsAreStated) {
+  const std::string name = uniqueName("vanish-fd");
+  const int fd = boundSocket(name, true);
+  ASSERT_GE(fd, 0);
+  ProcSeamScope seam;
+  VanishingSharer sharer(seam, Kesto::Util::ProcWalkPoint::descriptorListed, fd);
+  TraceCapture trace({1, 9}, *handler);
+  const U32 found = Util::readSocketPid(*handler, name);
+  ASSERT_NE(0, sharer.victim());
+  EXPECT_EQ(static_cast<U32>(sharer.survivor()), found);
+  // The descriptors were listed in one read, and their links went with the
+  // process: every stat fails, at level 1, and the walk goes on.
+  EXPECT_LE(1, statFailuresAfterReading(trace.lines(), sharer.victim(), [](const std::string&) {
+              return line(1, "next", "stat failed:No such file or directory");
+            }));
+}
+
+TEST_F(ProcInspect, LockPidPassesOverAProcessGoneAfterItsDescriptorsWereOpened) {
+  const std::string path = realPath(dir.path()) + "/vanish.lock";
+  const int fd = lockedDescriptor(path);
+  ASSERT_GE(fd, 0);
+  ProcSeamScope seam;
+  VanishingSharer sharer(seam, Kesto::Util::ProcWalkPoint::descriptorsOpened, fd);
+  TraceCapture trace({0, 1, 5, 9}, *handler);
+  const U32 found = Util::readLockPid(*handler, path);
+  ASSERT_NE(0, sharer.victim());
+  EXPECT_EQ(static_cast<U32>(sharer.survivor()), found);
+  // Opened, then gone before the first read: the kernel fails the read
+  // with ENOENT, which readdir gives as the end of the directory. One read,
+  // no descriptor, nothing thrown.
+  const std::string fds = fmt::format("/proc/{}/fd", sharer.victim());
+  EXPECT_EQ(0u, trace.linesWith("failed to open " + fds).size()) << trace.text();
+  EXPECT_EQ((Lines{"UtilTest 9 DirNode::readEntry() path: " + fds}),
+            trace.linesWith("DirNode::readEntry() path: " + fds));
+  EXPECT_EQ(0u, trace.linesWith(fds + "/").size()) << trace.text();
+  EXPECT_EQ(0u, trace.linesWith("UtilTest 0 ").size()) << trace.text();
+}
+
+TEST_F(ProcInspect, LockPidPassesOverAProcessGoneBeforeItsDescriptorsAreStated) {
+  const std::string path = realPath(dir.path()) + "/vanish.lock";
+  const int fd = lockedDescriptor(path);
+  ASSERT_GE(fd, 0);
+  ProcSeamScope seam;
+  VanishingSharer sharer(seam, Kesto::Util::ProcWalkPoint::descriptorListed, fd);
+  TraceCapture trace({1, 9}, *handler);
+  const U32 found = Util::readLockPid(*handler, path);
+  ASSERT_NE(0, sharer.victim());
+  EXPECT_EQ(static_cast<U32>(sharer.survivor()), found);
+  // readLockPid names the descriptor in its stat failure.
+  EXPECT_LE(1, statFailuresAfterReading(trace.lines(), sharer.victim(), [](const std::string& fdPath) {
+              return line(1, "next", "stat " + fdPath + " failed:No such file or directory");
+            }));
 }
 
 // --- readLockPid --------------------------------------------------------------------------------

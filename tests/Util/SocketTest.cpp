@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -521,6 +522,50 @@ TEST_F(SocketTest, TheHeapCheckerIsLookedForOnlyWhenTheEnvironmentAsks) {
     ASSERT_NE(error, nullptr) << variable;
     EXPECT_NE(std::string(error).find("HeapChecker_RecordClientFree"), std::string::npos) << error;
   }
+}
+
+// A heap checker in the global scope of the process (here loaded with
+// RTLD_GLOBAL, where a real one is preloaded; the look-up cannot tell the
+// two apart) is found, and what is found is its own entry point. In a child,
+// so that the checker stays out of this process's scope for the other tests.
+TEST_F(SocketTest, TheHeapCheckerInTheProcessIsFoundWhenTheEnvironmentAsks) {
+  const int status = KestoTest::statusOfChild([&] {
+    void* checker = ::dlopen(KESTO_UTIL_HEAP_CHECKER, RTLD_NOW | RTLD_GLOBAL);
+    if (!checker)
+      return 2;
+    ::setenv("HEAPCHECK", "1", 1);
+    ::unsetenv("HEAP_CHECK_KESTO_ENABLED_DONT_DELETE");
+    void* alloc = ::dlsym(checker, "HeapChecker_RecordClientAlloc");
+    void* free = ::dlsym(checker, "HeapChecker_RecordClientFree");
+    std::string traced;
+    void* foundAlloc = nullptr;
+    void* foundFree = nullptr;
+    {
+      KestoTest::TraceCapture trace({1, 5}, *handler_);
+      foundAlloc = Kesto::HeapChecker::resolveAllocSym(*handler_);
+      foundFree = Kesto::HeapChecker::resolveFreeSym(*handler_);
+      traced = trace.text();
+    }
+    if (!alloc || foundAlloc != alloc || foundFree != free)
+      return 3;
+    const std::string expected =
+        line(5, "resolveSym", fmt::format("sym:HeapChecker_RecordClientAlloc found at {}", Kesto::DisplayPointer(alloc))) +
+        "\n" +
+        line(5, "resolveSym", fmt::format("sym:HeapChecker_RecordClientFree found at {}", Kesto::DisplayPointer(free))) +
+        "\n";
+    if (traced != expected)
+      return 4;
+    if (Util::resolveSymError() != nullptr)
+      return 5;
+    // The address is the checker's: a call through it is recorded there.
+    reinterpret_cast<void (*)(void*, std::size_t)>(foundAlloc)(nullptr, 16);
+    reinterpret_cast<void (*)(void*)>(foundFree)(nullptr);
+    const auto count = [&](const char* name) {
+      return reinterpret_cast<std::size_t (*)()>(::dlsym(checker, name))();
+    };
+    return count("recordingHeapCheckerAllocations") == 1 && count("recordingHeapCheckerFrees") == 1 ? 0 : 6;
+  });
+  EXPECT_TRUE(KestoTest::exitedWith(status, 0)) << status;
 }
 
 } // namespace

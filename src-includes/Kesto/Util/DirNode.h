@@ -55,9 +55,22 @@ public:
   // system reports as DT_UNKNOWN never match.
   std::vector<String> findFiles(const String& extension) const;
 
+  // findFiles over a whole tree: the paths, "{root}/{sub}/.../{name}", of
+  // the regular files and symbolic links below `root` whose names end with
+  // `extension`. Depth first: a subdirectory is walked where readdir meets
+  // it, in a child node linked to its parent, so each directory is read
+  // once and the walk holds as many descriptors as the tree is deep. The
+  // traces are findFiles's, for every directory, with the path in place of
+  // the name. A root that does not open throws as findFiles does; a
+  // subdirectory that does not open (gone, forbidden) is passed over with
+  // the open's trace. Entries of type DT_UNKNOWN are neither taken nor
+  // entered, and symbolic links to directories are not followed.
+  static std::vector<String> findFilesInTree(Platform::DebugHandler& handler, const String& root,
+                                             const String& extension);
+
   // Whether findFiles takes `entry` for `extension`: a regular file or a
-  // symbolic link whose name ends with it. For a walk that reads each
-  // directory once with readEntry, and so filters as it goes.
+  // symbolic link whose name ends with it. For a walk of its own that reads
+  // each directory once with readEntry, and so filters as it goes.
   static bool matchesExtension(const struct dirent& entry, std::string_view extension) noexcept;
 
   bool isOpen() const noexcept { return dir_ != nullptr; }

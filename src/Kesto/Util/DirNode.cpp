@@ -83,24 +83,72 @@ bool DirNode::matchesExtension(const struct dirent& entry, std::string_view exte
   return isFileOrLink(entry.d_type) && std::string_view(entry.d_name).ends_with(extension);
 }
 
+namespace {
+
+bool isDotEntry(const char* name) noexcept {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+// The one read of a directory that findFiles and the walk of a tree share:
+// from the node's position to its end, the files that match go to `found`
+// (their names, or with `withPath` their paths) and every subdirectory, "."
+// and ".." aside, to `enter` as readdir meets it, so that nothing needs a
+// second pass. `function` is the caller, for the traces.
+template <typename Enter>
+void scanOnce(const DirNode& node, const char* function, const String& extension, bool withPath,
+              std::vector<String>& found, Enter&& enter) {
+  const std::string_view wanted = extension.view();
+  while (const struct dirent* entry = node.readEntry()) {
+    if (!isFileOrLink(entry->d_type)) {
+      if (entry->d_type == DT_DIR && !isDotEntry(entry->d_name))
+        enter(*entry);
+      continue;
+    }
+    const std::string_view name(entry->d_name);
+    if (!name.ends_with(wanted)) {
+      if (KESTO_ENABLED(node, 9))
+        fmtrace(node, 9, __FILE__, function, __LINE__, nodeClass, "skipping file: {}",
+                withPath ? node.path_ + "/" + entry->d_name : String(name));
+      continue;
+    }
+    String file = withPath ? node.path_ + "/" + entry->d_name : String(name);
+    if (KESTO_ENABLED(node, 8))
+      fmtrace(node, 8, __FILE__, function, __LINE__, nodeClass, "found file with extension {}: {}", extension, file);
+    found.push_back(std::move(file));
+  }
+}
+
+void walkTree(const std::shared_ptr<DirNode>& node, const String& extension, std::vector<String>& found) {
+  if (KESTO_ENABLED(*node, 9))
+    fmtrace(*node, 9, __FILE__, "findFilesInTree", __LINE__, nodeClass, "path: {} extension: {}", node->path_,
+            extension);
+  scanOnce(*node, "findFilesInTree", extension, true, found, [&](const struct dirent& entry) {
+    const auto child = std::make_shared<DirNode>(*node->debugHandler(), node->path_ + "/" + entry.d_name, node);
+    if (child->isOpen())
+      walkTree(child, extension, found);
+  });
+}
+
+} // namespace
+
 std::vector<String> DirNode::findFiles(const String& extension) const {
   KESTO_TRACE(*this, 9, nodeClass, "path: {} extension: {}", path_, extension);
   if (!dir_)
     KESTO_THROW(*this, nodeClass, "cannot find {} files in {} because the directory is not open", extension, path_);
   ::rewinddir(dir_);
   std::vector<String> found;
-  const std::string_view wanted = extension.view();
-  while (struct dirent* entry = readEntry()) {
-    if (!isFileOrLink(entry->d_type))
-      continue;
-    const std::string_view name(entry->d_name);
-    if (!name.ends_with(wanted)) {
-      KESTO_TRACE(*this, 9, nodeClass, "skipping file: {}", name);
-      continue;
-    }
-    KESTO_TRACE(*this, 8, nodeClass, "found file with extension {}: {}", extension, name);
-    found.emplace_back(name);
-  }
+  scanOnce(*this, "findFiles", extension, false, found, [](const struct dirent&) {});
+  return found;
+}
+
+std::vector<String> DirNode::findFilesInTree(Platform::DebugHandler& handler, const String& root,
+                                             const String& extension) {
+  const auto node = std::make_shared<DirNode>(handler, root, nullptr);
+  if (!node->isOpen())
+    KESTO_THROW(handler, nodeClass, "cannot find {} files in {} because the directory is not open", extension,
+                root);
+  std::vector<String> found;
+  walkTree(node, extension, found);
   return found;
 }
 

@@ -6,6 +6,8 @@
 #include <Kesto/Util/DirNode.h>
 #include <Kesto/Util/FileUtil.h>
 
+#include "Util/ProcSeam.h"
+
 #include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -51,8 +53,11 @@ U32 pidOfEntry(const char* name) noexcept {
 class DescriptorWalk {
 public:
   DescriptorWalk(Platform::DebugHandler& handler, const char* entry, bool pathInStatFailure)
-      : handler_(handler), dir_(std::string("/proc/") + entry + "/fd"), fds_(handler, String(dir_), nullptr),
-        pathInStatFailure_(pathInStatFailure) {}
+      : handler_(handler), entry_(entry), dir_(std::string(procRoot()) + "/" + entry + "/fd"),
+        fds_(handler, String(dir_), nullptr), pathInStatFailure_(pathInStatFailure) {
+    if (fds_.isOpen())
+      procWalkPoint(ProcWalkPoint::descriptorsOpened, entry_);
+  }
 
   // The next descriptor that stat() reads, or null at the end.
   const struct stat* next() {
@@ -63,6 +68,7 @@ public:
         continue;
       fd_ = entry->d_name;
       path_.assign(dir_).append("/").append(fd_);
+      procWalkPoint(ProcWalkPoint::descriptorListed, entry_);
       KESTO_TRACE(handler_, 9, utilClass, "reading entry {}", path_);
       if (::stat(path_.c_str(), &st_) == 0)
         return &st_;
@@ -75,8 +81,10 @@ public:
   }
 
   // The next entry, or null at the end. A process that exits after its
-  // directory was opened normally just shows no more entries; should the
-  // reading fail instead, that ends its walk too, rather than the search.
+  // directory was opened just shows no more entries: the kernel fails the
+  // read with ENOENT and readdir gives that as the end. Should the reading
+  // fail otherwise, that ends this process's walk too, rather than the
+  // search.
   const struct dirent* readEntry() {
     if (gone_)
       return nullptr;
@@ -95,6 +103,7 @@ public:
 
 private:
   Platform::DebugHandler& handler_;
+  const char* entry_;
   std::string dir_;
   DirNode fds_;
   bool pathInStatFailure_;
@@ -107,7 +116,7 @@ private:
 // The inode of the first socket whose line of /proc/net/unix contains
 // `socketName`, or 0.
 U32 readProcNetUnix(Platform::DebugHandler& handler, const String& socketName) {
-  std::ifstream in("/proc/net/unix");
+  std::ifstream in(std::string(procRoot()) + "/net/unix");
   const std::string_view name = socketName.view();
   std::string line;
   while (in.good()) {
@@ -138,12 +147,13 @@ U32 readProcNetUnix(Platform::DebugHandler& handler, const String& socketName) {
 // socket `inode`, or 0.
 U32 readProcFd(Platform::DebugHandler& handler, U32 inode) {
   KESTO_TRACE(handler, 5, utilClass, "searching for inode: {}", inode);
-  DirNode proc(handler, String("/proc"), nullptr);
+  DirNode proc(handler, String(procRoot()), nullptr);
   if (!proc.isOpen())
     fmassert(handler, utilClass, __FILE__, __func__, __LINE__, "Couldn't open /proc");
   while (const struct dirent* entry = proc.readEntry()) {
     if (isDotEntry(entry->d_name))
       continue;
+    procWalkPoint(ProcWalkPoint::processListed, entry->d_name);
     DescriptorWalk walk(handler, entry->d_name, false);
     bool found = false;
     while (const struct stat* st = walk.next()) {
@@ -170,7 +180,7 @@ U32 readProcFd(Platform::DebugHandler& handler, U32 inode) {
 } // namespace
 
 String readProcTitle(Platform::DebugHandler& handler, int pid, bool quiet) {
-  const std::string path = fmt::format("/proc/{}/status", pidOrSelf(pid));
+  const std::string path = fmt::format("{}/{}/status", procRoot(), pidOrSelf(pid));
   std::ifstream in(path);
   if (!in.is_open()) {
     const int state = static_cast<int>(in.rdstate());
@@ -206,7 +216,7 @@ String readProcTitle(Platform::DebugHandler& handler, int pid, bool quiet) {
 String readProcTitle(int pid, bool quiet) { return readProcTitle(*Debug::kestoUtil, pid, quiet); }
 
 String readProcStartTime(Platform::DebugHandler& handler, int pid) {
-  const std::string path = fmt::format("/proc/{}/stat", pidOrSelf(pid));
+  const std::string path = fmt::format("{}/{}/stat", procRoot(), pidOrSelf(pid));
   std::ifstream in(path);
   if (!in.is_open()) {
     KESTO_TRACE(handler, 5, utilClass, "error - Couldn't access stat file:{} stream state:{}", path,
@@ -249,7 +259,7 @@ String readProcStartTime(Platform::DebugHandler& handler, int pid) {
 String readProcStartTime(int pid) { return readProcStartTime(*Debug::kestoUtil, pid); }
 
 String readPidCmdline(Platform::DebugHandler& handler, int pid) {
-  const std::string path = fmt::format("/proc/{}/cmdline", pid);
+  const std::string path = fmt::format("{}/{}/cmdline", procRoot(), pid);
   // fileRead stops at the first NUL, so this is the program alone; the
   // arguments are separated by NULs, which would read as blanks.
   std::string text(fileRead(handler, path.c_str(), true).view());
@@ -270,11 +280,11 @@ U32 readSocketPid(Platform::DebugHandler& handler, const String& socketName) {
 }
 
 U32 readLockPid(Platform::DebugHandler& handler, const String& lockPath) {
-  DirNode proc(handler, String("/proc"), nullptr);
+  DirNode proc(handler, String(procRoot()), nullptr);
   if (!proc.isOpen())
     fmassert(handler, utilClass, __FILE__, __func__, __LINE__, "Couldn't open /proc");
   KESTO_TRACE(handler, 9, utilClass, "lockName:{}", lockPath);
-  const String locks = fileRead(handler, "/proc/locks", true);
+  const String locks = fileRead(handler, (std::string(procRoot()) + "/locks").c_str(), true);
   const std::string_view lockText = locks.view();
   // The kernel writes -1 where the pid stands for an open-file-description
   // lock (a FileLock), whose owner is a file and not a process: while there
@@ -290,6 +300,7 @@ U32 readLockPid(Platform::DebugHandler& handler, const String& lockPath) {
     // Another number may pass by chance; the descriptors decide.
     if (filterByPid && lockText.find(entry->d_name) == std::string_view::npos)
       continue;
+    procWalkPoint(ProcWalkPoint::processListed, entry->d_name);
     DescriptorWalk walk(handler, entry->d_name, true);
     bool found = false;
     while (const struct stat* st = walk.next()) {
@@ -307,7 +318,7 @@ U32 readLockPid(Platform::DebugHandler& handler, const String& lockPath) {
       KESTO_TRACE(handler, 9, utilClass, "lock {}'s file is:{}", walk.path(), linked);
       if (linked != wanted)
         continue;
-      const std::string info = fmt::format("/proc/{}/fdinfo/{}", entry->d_name, walk.fd());
+      const std::string info = fmt::format("{}/{}/fdinfo/{}", procRoot(), entry->d_name, walk.fd());
       const String fdInfo = fileRead(handler, info.c_str(), true);
       if (fdInfo.view().find("OFDLCK") != std::string_view::npos ||
           fdInfo.view().find("POSIX") != std::string_view::npos) {
@@ -379,7 +390,7 @@ const char* typenameFromVptr(int otherPid, const void* vptr, String& error) {
 }
 
 void includeShmemInCore() {
-  const std::string path = fmt::format("/proc/{}/coredump_filter", ::getpid());
+  const std::string path = fmt::format("{}/{}/coredump_filter", procRoot(), ::getpid());
   FILE* file = std::fopen(path.c_str(), "r+");
   if (!file) {
     KESTO_TRACE(*Debug::kestoUtil, 1, utilClass, "failed to open {}: {} (has EUID changed?)", path,
@@ -387,6 +398,9 @@ void includeShmemInCore() {
     return;
   }
   unsigned int filter = 0;
+  // A text that is no number is no error of the C library: errno then
+  // says so rather than keep what an earlier call left.
+  errno = 0;
   if (std::fscanf(file, "%x", &filter) < 1) {
     const int err = errno;
     std::fclose(file);
