@@ -81,14 +81,14 @@ TEST_F(FakeProc, StatLineEndingAtTheCommandNameAsserts) {
   const std::string path = craft(fakePid, "stat", "4242 (fake)\n");
   EXPECT_EQ("Kesto::Util::readProcStartTime() input not long enough to contain start time. file: " + path +
                 " line: \"4242 (fake)\"",
-            assertText([&] { Util::readProcStartTime(*handler, fakePid); }));
+            assertMessageOf([&] { Util::readProcStartTime(*handler, fakePid); }));
 }
 
 TEST_F(FakeProc, StatLineWithoutParenthesisAsserts) {
   const std::string path = craft(fakePid, "stat", "4242 fake S 1 2 3\n");
   EXPECT_EQ("Kesto::Util::readProcStartTime() input not long enough to contain start time. file: " + path +
                 " line: \"4242 fake S 1 2 3\"",
-            assertText([&] { Util::readProcStartTime(*handler, fakePid); }));
+            assertMessageOf([&] { Util::readProcStartTime(*handler, fakePid); }));
 }
 
 TEST_F(FakeProc, StatLineWithTooFewFieldsAsserts) {
@@ -97,7 +97,7 @@ TEST_F(FakeProc, StatLineWithTooFewFieldsAsserts) {
   const std::string path = craft(fakePid, "stat", stat + "\n");
   EXPECT_EQ("Kesto::Util::readProcStartTime() Failed to parse start time from file: " + path + " line: \"" + stat +
                 "\" procStartTime.size():0 tokPos:4 startTimeFieldPos:19",
-            assertText([&] { Util::readProcStartTime(*handler, fakePid); }));
+            assertMessageOf([&] { Util::readProcStartTime(*handler, fakePid); }));
 }
 
 TEST_F(FakeProc, EmptyStatFileIsNoStartTimeAtLevelFive) {
@@ -123,11 +123,11 @@ TEST_F(FakeProc, CoredumpFilterThatDoesNotOpenIsTracedAtLevelOne) {
 TEST_F(FakeProc, CoredumpFilterThatIsNoNumberAssertsAndIsLeftAsItWas) {
   const std::string path = craft(::getpid(), "coredump_filter", "none\n");
   EXPECT_EQ("Kesto::Util::includeShmemInCore() fscanf failed for file:" + path + " error:Success",
-            assertText([] { Util::includeShmemInCore(); }));
+            assertMessageOf([] { Util::includeShmemInCore(); }));
   EXPECT_EQ("none\n", readFile(path));
   craft(::getpid(), "coredump_filter", "");
   EXPECT_EQ("Kesto::Util::includeShmemInCore() fscanf failed for file:" + path + " error:Success",
-            assertText([] { Util::includeShmemInCore(); }));
+            assertMessageOf([] { Util::includeShmemInCore(); }));
 }
 
 // /proc itself missing: the walk cannot start. (readSocketPid meets the
@@ -136,7 +136,7 @@ TEST_F(FakeProc, CoredumpFilterThatIsNoNumberAssertsAndIsLeftAsItWas) {
 TEST_F(FakeProc, ProcThatDoesNotOpenAssertsInTheWalkForLocks) {
   seam.rootIs(root / "missing");
   EXPECT_EQ("Kesto::Util::readLockPid() Couldn't open /proc",
-            assertText([&] { Util::readLockPid(*handler, "/run/any.lock"); }));
+            assertMessageOf([&] { Util::readLockPid(*handler, "/run/any.lock"); }));
 }
 
 // The kernel writes a number in the inode field of every line.

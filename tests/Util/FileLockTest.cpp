@@ -254,7 +254,7 @@ TEST_F(FileLockTest, LockFileRemovedWhileHeldLetsTheNextLockerIn) {
 TEST_F(FileLockTest, SlashInTheFilenameAsserts) {
   TraceCapture trace({}, *handler);
   EXPECT_EQ("FileLock::FileLock() unexpected '/' in filename: sub/app.lock",
-            assertText([&] { FileLock lock(*handler, lockDir, "sub/app.lock"); }));
+            assertMessageOf([&] { FileLock lock(*handler, lockDir, "sub/app.lock"); }));
   EXPECT_EQ(1u, trace.linesWith("UtilTest 0 ").size());
 }
 
@@ -263,10 +263,10 @@ TEST_F(FileLockTest, ReleaseWithoutALockAsserts) {
   TraceCapture trace({}, *handler);
   const std::string expected =
       "FileLock::release() attempting to release a lock that is not currently held. File:" + lockFile;
-  EXPECT_EQ(expected, assertText([&] { lock.release(); }));
+  EXPECT_EQ(expected, assertMessageOf([&] { lock.release(); }));
   ASSERT_TRUE(lock.lock(false));
   lock.release();
-  EXPECT_EQ(expected, assertText([&] { lock.release(); }));
+  EXPECT_EQ(expected, assertMessageOf([&] { lock.release(); }));
 }
 
 // A path through a regular file fails for root as well (ENOTDIR).
@@ -276,7 +276,7 @@ TEST_F(FileLockTest, DirectoryThroughARegularFileAsserts) {
   FileLock lock(*handler, bad.c_str(), "app.lock");
   TraceCapture trace({}, *handler);
   EXPECT_EQ("FileLock::lock() unexpected mkpath() error " + bad + ": Not a directory",
-            assertText([&] { lock.lock(false); }));
+            assertMessageOf([&] { lock.lock(false); }));
 }
 
 TEST_F(FileLockTest, LockFileThatIsADirectoryIsFalse) {
@@ -391,7 +391,7 @@ TEST_F(FileLockTest, ReleaseInAForkedChildAssertsAndLeavesTheParentsLock) {
   const std::string parent = std::to_string(::getpid());
   const int status = statusOfChild([&] {
     TraceCapture trace({}, *handler);
-    const std::string text = assertText([&] { lock.release(); });
+    const std::string text = assertMessageOf([&] { lock.release(); });
     const std::string expected =
         "FileLock::release() called from child process:" + std::to_string(::getpid()) + " of owner pid:" + parent;
     return text == expected ? 0 : 2;
@@ -537,7 +537,7 @@ TEST_F(FileLockTest, ReleaseOfADescriptorClosedUnderTheObjectAsserts) {
   TraceCapture trace({}, *handler);
   ASSERT_EQ(0, ::close(fd));
   EXPECT_EQ(fmt::format("FileLock::release() unexpected error: Bad file descriptor file:{} fd:{}", lockFile, fd),
-            assertText([&] { lock.release(); }));
+            assertMessageOf([&] { lock.release(); }));
   // The object still holds the number; closeFd lets it go (failing in turn)
   // so that the destructor does not release again.
   lock.closeFd();

@@ -435,7 +435,7 @@ TEST_F(FileUtil, TrimpathStopsAtADirectoryThatHasEntries) {
 
 TEST(Trimpath, MisuseAssertsToKestoUtil) {
   const auto text = [](const char* abs, std::string_view tail) {
-    return assertText([&] { Util::trimpath(abs, tail); });
+    return assertMessageOf([&] { Util::trimpath(abs, tail); });
   };
   TraceCapture trace({}, *Kesto::Debug::kestoUtil);
   EXPECT_EQ("Kesto::Util::trimpath() absolute path is empty", text("", "a"));

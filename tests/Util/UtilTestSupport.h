@@ -189,7 +189,7 @@ std::string runtimeText(Body&& body) {
 // The message of the AssertException that `body` throws, after its
 // location ("Class::function() text"), or "<no exception>".
 template <typename Body>
-std::string assertText(Body&& body) {
+std::string assertMessageOf(Body&& body) {
   try {
     body();
   } catch (const Kesto::AssertException& e) {
