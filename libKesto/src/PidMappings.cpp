@@ -12,8 +12,8 @@ namespace Kesto {
 namespace {
 
 // Reads a hexadecimal or decimal number at the front of `text`; false when
-// there is no digit. Written by hand because the fields are not
-// NUL-terminated and strtoul would read past them.
+// there is no digit or the number does not fit. Written by hand because the
+// fields are not NUL-terminated and strtoul would read past them.
 bool takeNumber(std::string_view& text, int base, unsigned long& out) {
   std::size_t i = 0;
   unsigned long value = 0;
@@ -28,6 +28,9 @@ bool takeNumber(std::string_view& text, int base, unsigned long& out) {
       digit = unsigned(c - 'A' + 10);
     else
       break;
+    // A wrapped address would make a line that names some other memory.
+    if (value > (~0ul - digit) / unsigned(base))
+      return false;
     value = value * unsigned(base) + digit;
   }
   if (i == 0)
@@ -155,12 +158,22 @@ MappingInfos PidMappings::parse(std::string_view text) {
     if (MappingInfo::parse(line, m))
       mappings.push_back(std::move(m));
   }
-  // The kernel writes them in address order; make sure of it, since find()
-  // searches by halves.
+  // The kernel writes them in address order, none empty, none overlapping
+  // another and none at address 0 (which the kernel keeps unmapped, and
+  // which find() uses for "no mapping"); find() searches by halves and relies
+  // on all of it. Text that breaks them is not a maps file: keep what is
+  // consistent.
   if (!std::is_sorted(mappings.begin(), mappings.end(),
                       [](const MappingInfo& a, const MappingInfo& b) { return a.start < b.start; }))
-    std::sort(mappings.begin(), mappings.end(),
-              [](const MappingInfo& a, const MappingInfo& b) { return a.start < b.start; });
+    std::stable_sort(mappings.begin(), mappings.end(),
+                     [](const MappingInfo& a, const MappingInfo& b) { return a.start < b.start; });
+  unsigned long coveredTo = 0;
+  std::erase_if(mappings, [&](const MappingInfo& m) {
+    if (m.start == 0 || m.end <= m.start || m.start < coveredTo)
+      return true;
+    coveredTo = m.end;
+    return false;
+  });
   return MappingInfos(std::move(mappings));
 }
 

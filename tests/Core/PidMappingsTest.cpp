@@ -132,3 +132,43 @@ TEST(PidMappings, RejectsMalformedLines) {
   EXPECT_FALSE(MappingInfo::parse("1000-2000 r--p 0 0000 0", m));
   EXPECT_FALSE(MappingInfo::parse("1000-2000 r--p zz 00:00 0", m));
 }
+
+// Found by the maps fuzzer: a number of more than 16 hexadecimal digits used
+// to wrap, and the line then named some other memory.
+TEST(PidMappings, RejectsNumbersThatDoNotFitInsteadOfWrapping) {
+  MappingInfo m;
+  EXPECT_TRUE(MappingInfo::parse("ffffffffffffffff-ffffffffffffffff r--p 0 00:00 0", m));
+  EXPECT_EQ(m.start, ~0ul);
+  EXPECT_FALSE(MappingInfo::parse("55ed3355ed331e6000-55ed331e8000 r--p 00000000 fe:00 1 /x", m));
+  EXPECT_FALSE(MappingInfo::parse("1000-10000000000000000 r--p 00000000 fe:00 1 /x", m));
+  EXPECT_FALSE(MappingInfo::parse("1000-2000 r--p 100000000000000000 fe:00 1 /x", m));
+  EXPECT_FALSE(MappingInfo::parse("1000-2000 r--p 0 fe:00 99999999999999999999 /x", m));
+}
+
+// Found by the maps fuzzer: find() searches by halves, which gave wrong
+// answers over mappings that overlap; and a mapping at 0 could not be told
+// from "no mapping". None of these is in a maps file the kernel writes.
+TEST(PidMappings, LeavesOutMappingsThatAreEmptyOverlapOrStartAtZero) {
+  const MappingInfos all = PidMappings::parse("0-1000 r--p 0 00:00 0 /zero\n"
+                                              "3000-3000 r--p 0 00:00 0 /empty\n"
+                                              "5000-4000 r--p 0 00:00 0 /backwards\n"
+                                              "1000-9000 r--p 0 00:00 0 /wide\n"
+                                              "2000-3000 r--p 0 00:00 0 /inside\n"
+                                              "9000-a000 r--p 0 00:00 0 /next\n");
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].path, "/wide");
+  EXPECT_EQ(all[1].path, "/next");
+  EXPECT_EQ(all.find(reinterpret_cast<const void*>(0x2800)).path, "/wide");
+  EXPECT_EQ(all.find(reinterpret_cast<const void*>(0x9000)).path, "/next");
+  EXPECT_FALSE(all.find(reinterpret_cast<const void*>(0x800)).found());
+}
+
+TEST(PidMappings, SortsLinesOutOfOrderBeforeDroppingOverlaps) {
+  const MappingInfos all = PidMappings::parse("8000-9000 r--p 0 00:00 0 /high\n"
+                                              "1000-2000 r--p 0 00:00 0 /low\n"
+                                              "1800-2800 r--p 0 00:00 0 /overlap\n");
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].path, "/low");
+  EXPECT_EQ(all[1].path, "/high");
+  EXPECT_EQ(all.find(reinterpret_cast<const void*>(0x8fff)).path, "/high");
+}

@@ -78,7 +78,8 @@ struct KESTO_CORE_EXPORT PidMappings {
   // The mappings of process `pid` (0: the caller); empty when unreadable.
   static MappingInfos populate(int pid);
   // The same from the text of a maps file; lines that do not parse are
-  // skipped.
+  // skipped, and so are mappings that start at 0, are empty or overlap one
+  // that starts below them, none of which the kernel writes.
   static MappingInfos parse(std::string_view text);
 };
 
