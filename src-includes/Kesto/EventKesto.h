@@ -18,8 +18,11 @@
 #include <Kesto/Platform/PlatformHandlers.h>
 #include <Kesto/Platform/Time.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>
+#include <Kesto/Scheduler/SlabAllocatorScheduler.h>
 #include <Kesto/Scheduler/Task.h>
 #include <Kesto/Scheduler/TaskBase.h>
+#include <Kesto/Scheduler/TaskCallbackControl.h>
+#include <Kesto/Scheduler/TaskFdControl.h>
 #include <Kesto/Scheduler/TaskImpl.h>
 #include <Kesto/Scheduler/TaskPriority.h>
 #include <Kesto/Scheduler/TaskScheduler.h>
@@ -27,6 +30,7 @@
 #include <Kesto/Scheduler/TaskSchedulerQueueStats.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 #include <Kesto/Scheduler/TaskStat.h>
+#include <Kesto/Scheduler/TaskTimerControl.h>
 #include <Kesto/Scheduler/TaskTypes.h>
 #include <Kesto/Scheduler/TimerTask.h>
 #include <Kesto/TimerWheel/TimerWheel.h>
