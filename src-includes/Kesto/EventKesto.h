@@ -20,8 +20,11 @@
 #include <Kesto/Report/TaskNameRegex.h>
 #include <Kesto/Report/TaskSchedulerSnapshot.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>
+#include <Kesto/Scheduler/SlabAllocatorScheduler.h>
 #include <Kesto/Scheduler/Task.h>
 #include <Kesto/Scheduler/TaskBase.h>
+#include <Kesto/Scheduler/TaskCallbackControl.h>
+#include <Kesto/Scheduler/TaskFdControl.h>
 #include <Kesto/Scheduler/TaskImpl.h>
 #include <Kesto/Scheduler/TaskPriority.h>
 #include <Kesto/Scheduler/TaskScheduler.h>
@@ -29,6 +32,7 @@
 #include <Kesto/Scheduler/TaskSchedulerQueueStats.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 #include <Kesto/Scheduler/TaskStat.h>
+#include <Kesto/Scheduler/TaskTimerControl.h>
 #include <Kesto/Scheduler/TaskTypes.h>
 #include <Kesto/Scheduler/TimerTask.h>
 #include <Kesto/TimerWheel/TimerWheel.h>

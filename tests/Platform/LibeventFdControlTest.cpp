@@ -1,3 +1,6 @@
+// What only the libevent descriptor control does. The behaviour it shares with the
+// control served by a task runs against both backends from one set of test
+// bodies, in tests/Scheduler/TaskFdControlTest.cpp.
 #include <KestoSupport/PlatformTestSupport.h>
 
 #include <Kesto/Core/Publisher.h>
@@ -48,27 +51,6 @@ TEST(LibeventFdControl, SetFdMakesTheDescriptorNonBlockingAndWatchesReads) {
   EXPECT_FALSE(le(control)->writePending());
 }
 
-TEST(LibeventFdControl, ReadableDescriptorReachesTheHandlerThroughTheLoop) {
-  SocketPair sockets;
-  TestFdHandler handler;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  std::string received;
-  handler.onRead = [&](int fd) {
-    char buffer[64];
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n > 0)
-      received.append(buffer, size_t(n));
-    control->delFd(); // nothing left: the loop returns
-  };
-  control->setFd(sockets.ours());
-  sockets.sendToOurs("ping");
-  Platform::doEventLoop();
-  EXPECT_EQ(1, handler.reads);
-  EXPECT_EQ(sockets.ours(), handler.lastFd);
-  EXPECT_EQ("ping", received);
-  EXPECT_EQ(-1, control->getFd());
-}
-
 TEST(LibeventFdControl, ReadWatchStaysArmedAfterFiring) {
   SocketPair sockets;
   TestFdHandler handler;
@@ -84,19 +66,6 @@ TEST(LibeventFdControl, ReadWatchStaysArmedAfterFiring) {
   EXPECT_EQ(2, handler.reads);
 }
 
-TEST(LibeventFdControl, SetReadsFalseWithoutDescriptorOnlyStoresTheFlag) {
-  SocketPair sockets;
-  TestFdHandler handler;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  control->setReads(false);
-  EXPECT_FALSE(le(control)->reads());
-  control->setFd(sockets.ours());
-  EXPECT_FALSE(le(control)->readPending());
-  sockets.sendToOurs("ignored");
-  Platform::doEventLoop(0.0);
-  EXPECT_EQ(0, handler.reads);
-}
-
 TEST(LibeventFdControl, SetReadsFalseWithDescriptorRemovesTheWatch) {
   SocketPair sockets;
   TestFdHandler handler;
@@ -110,18 +79,6 @@ TEST(LibeventFdControl, SetReadsFalseWithDescriptorRemovesTheWatch) {
   control->setReads(true);
   Platform::doEventLoop(0.0);
   EXPECT_EQ(1, handler.reads);
-}
-
-TEST(LibeventFdControlDeathTest, SetFdOnAClosedDescriptorEndsTheProcess) {
-  TestFdHandler handler;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  int closedFd;
-  {
-    SocketPair sockets;
-    closedFd = sockets.ours();
-  }
-  EXPECT_DEATH(control->setFd(closedFd),
-               "virtual void Kesto::LibeventFdControl::setFd\\(int\\).*Assertion `flags >= 0' failed");
 }
 
 TEST(LibeventFdControl, WriteWatchIsOneShotAndSetWritesTrueArmsItAgain) {
@@ -148,21 +105,6 @@ TEST(LibeventFdControl, WriteWatchIsOneShotAndSetWritesTrueArmsItAgain) {
   EXPECT_EQ(2, handler.writes);
 }
 
-TEST(LibeventFdControl, SetWritesTrueFromTheWriteHandlerGetsTheNextNotification) {
-  SocketPair sockets;
-  TestFdHandler handler;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  handler.onWrite = [&](int) {
-    if (handler.writes < 3)
-      control->setWrites(true);
-  };
-  control->setReads(false);
-  control->setWrites(true);
-  control->setFd(sockets.ours());
-  Platform::doEventLoop();
-  EXPECT_EQ(3, handler.writes);
-}
-
 TEST(LibeventFdControl, SetEdgeTriggeredWithTheCurrentValueDoesNothing) {
   SocketPair sockets;
   TestFdHandler handler;
@@ -183,22 +125,6 @@ TEST(LibeventFdControl, SetEdgeTriggeredWithTheCurrentValueDoesNothing) {
   EXPECT_TRUE(le(control)->writePending());
   Platform::doEventLoop();
   EXPECT_EQ(2, handler.writes);
-}
-
-TEST(LibeventFdControl, EdgeTriggeredReadFiresOncePerArrival) {
-  SocketPair sockets;
-  TestFdHandler handler;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  control->setEdgeTriggered(true);
-  control->setFd(sockets.ours());
-  sockets.sendToOurs("x");
-  // Nothing is read, yet an edge-triggered watch does not fire again.
-  Platform::doEventLoop(0.0);
-  Platform::doEventLoop(0.0);
-  EXPECT_EQ(1, handler.reads);
-  sockets.sendToOurs("y");
-  Platform::doEventLoop(0.0);
-  EXPECT_EQ(2, handler.reads);
 }
 
 TEST(LibeventFdControl, LevelTriggeredReadFiresWhileDataWaits) {
@@ -240,74 +166,6 @@ TEST(LibeventFdControl, DelFdForgetsTheDescriptor) {
   EXPECT_FALSE(le(control)->readPending());
   // The interest is remembered for the next descriptor.
   EXPECT_TRUE(le(control)->reads());
-}
-
-TEST(LibeventFdControl, DestroyingTheControlRemovesItsEvents) {
-  SocketPair sockets;
-  TestFdHandler handler;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  control->setFd(sockets.ours());
-  control = nullptr;
-  sockets.sendToOurs("x");
-  Platform::doEventLoop(); // nothing registered: returns at once
-  EXPECT_EQ(0, handler.reads);
-}
-
-TEST(LibeventFdControl, ExceptionHandledByTheHandlerIsDroppedAndGetsTheDescriptor) {
-  SocketPair sockets;
-  TestFdHandler handler;
-  handler.swallow = true;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  handler.onRead = [&](int fd) {
-    drain(fd);
-    control->clearEvents();
-    throw HandlerError("handled");
-  };
-  control->setFd(sockets.ours());
-  sockets.sendToOurs("x");
-  EXPECT_NO_THROW(Platform::doEventLoop());
-  EXPECT_EQ(1, handler.exceptionsOffered);
-  EXPECT_EQ(sockets.ours(), handler.exceptionFd);
-}
-
-TEST(LibeventFdControl, ExceptionRefusedByTheHandlerReachesTheLoopCaller) {
-  SocketPair sockets;
-  TestFdHandler handler;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  handler.onWrite = [&](int) { throw HandlerError("refused"); };
-  control->setReads(false);
-  control->setWrites(true);
-  control->setFd(sockets.ours());
-  EXPECT_THROW(Platform::doEventLoop(), HandlerError);
-  EXPECT_EQ(1, handler.exceptionsOffered);
-}
-
-TEST(LibeventFdControl, DefaultExceptionHandlingRethrows) {
-  struct Throwing : Platform::FdEventHandler {
-    void readFdEvent(int) override { throw HandlerError("read"); }
-    void writeFdEvent(int) override {}
-  } handler;
-  SocketPair sockets;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  control->setFd(sockets.ours());
-  sockets.sendToOurs("x");
-  EXPECT_THROW(Platform::doEventLoop(), HandlerError);
-}
-
-TEST(LibeventFdControl, DeferredOperationsRunAfterADescriptorHandler) {
-  SocketPair sockets;
-  TestFdHandler handler;
-  Ptr<Platform::FdControl> control = Platform::getFdControl(&handler);
-  int ran = 0;
-  handler.onRead = [&](int fd) {
-    drain(fd);
-    Publisher::deferOp([&] { ++ran; });
-    control->delFd();
-  };
-  control->setFd(sockets.ours());
-  sockets.sendToOurs("x");
-  Platform::doEventLoop();
-  EXPECT_EQ(1, ran);
 }
 
 TEST(LibeventFdControl, DescriptorControlsComeFromTheOrdinaryHeap) {

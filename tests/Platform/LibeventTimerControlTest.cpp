@@ -1,3 +1,6 @@
+// What only the libevent timer control does. The behaviour it shares with the
+// control served by a task runs against both backends from one set of test
+// bodies, in tests/Scheduler/TaskTimerControlTest.cpp.
 #include <KestoSupport/PlatformTestSupport.h>
 
 #include <Kesto/Core/Publisher.h>
@@ -38,37 +41,6 @@ TEST(LibeventTimerControl, ComesFromTheSlabAllocator) {
   TestTimeoutHandler handler;
   Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
   EXPECT_TRUE(ZuSlab::slabOwns(timer.get()));
-}
-
-TEST(LibeventTimerControl, ZeroTimeoutReachesTheHandlerThroughTheLoop) {
-  TestTimeoutHandler handler;
-  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
-  timer->setTimeout(0.0);
-  EXPECT_EQ(0, handler.timeouts);
-  Platform::doEventLoop();
-  EXPECT_EQ(1, handler.timeouts);
-  EXPECT_EQ(infinity, timer->remainingTimeout());
-}
-
-TEST(LibeventTimerControl, UnarmedTimerHasInfiniteRemainingTime) {
-  TestTimeoutHandler handler;
-  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
-  EXPECT_EQ(infinity, timer->remainingTimeout());
-  timer->delTimeout(); // no effect on an unarmed timer
-  EXPECT_EQ(infinity, timer->remainingTimeout());
-}
-
-TEST(LibeventTimerControl, RemainingTimeCountsFromTheArming) {
-  TestTimeoutHandler handler;
-  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
-  const double before = time();
-  timer->setTimeout(10.0);
-  const double remaining = timer->remainingTimeout();
-  const double elapsed = time() - before;
-  EXPECT_LE(remaining, 10.0 + PlatformTest::baseClockSlack());
-  EXPECT_GE(remaining, 10.0 - elapsed - 1e-6);
-  timer->delTimeout();
-  EXPECT_EQ(infinity, timer->remainingTimeout());
 }
 
 constexpr int armingsPerDelay = 200;
@@ -138,17 +110,6 @@ TEST(LibeventTimerControl, RemainingTimeIsZeroOnceDueButNotDelivered) {
   EXPECT_EQ(1, handler.timeouts);
 }
 
-TEST(LibeventTimerControl, SetTimeoutReplacesTheArmedExpiry) {
-  TestTimeoutHandler handler;
-  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
-  timer->setTimeout(3600.0);
-  timer->setTimeout(0.0);
-  Platform::doEventLoop(0.0);
-  EXPECT_EQ(1, handler.timeouts);
-  // Nothing is left of the hour-long expiry.
-  EXPECT_EQ(infinity, timer->remainingTimeout());
-}
-
 TEST(LibeventTimerControl, StrictHighTimerRunsBeforeDefaultOnesDueTogether) {
   std::vector<int> order;
   TestTimeoutHandler normal;
@@ -161,15 +122,6 @@ TEST(LibeventTimerControl, StrictHighTimerRunsBeforeDefaultOnesDueTogether) {
   urgentTimer->setTimeout(0.0);
   Platform::doEventLoop();
   EXPECT_EQ((std::vector<int>{0, 1}), order);
-}
-
-TEST(LibeventTimerControl, HandlerThatKeepsDefaultExceptionHandlingLetsTheExceptionReachTheLoopCaller) {
-  struct Throwing : Platform::TimeoutHandler {
-    void timeout() override { throw HandlerError("timer failed"); }
-  } handler;
-  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
-  timer->setTimeout(0.0);
-  EXPECT_THROW(Platform::doEventLoop(), HandlerError);
 }
 
 TEST(LibeventTimerControl, ExceptionRefusedByTheHandlerReachesTheLoopCaller) {
@@ -227,50 +179,6 @@ TEST(LibeventTimerControl, LoopStaysUsableAfterAnExceptionReachedItsCaller) {
   fineTimer->setTimeout(0.0);
   Platform::doEventLoop();
   EXPECT_EQ(1, fine.timeouts);
-}
-
-TEST(LibeventTimerControl, DeferredOperationsRunAfterAHandlerThatReturned) {
-  TestTimeoutHandler handler;
-  int ran = 0;
-  int timeoutsWhenRan = -1;
-  handler.onTimeout = [&] {
-    Publisher::deferOp([&] {
-      ++ran;
-      timeoutsWhenRan = handler.timeouts;
-    });
-    EXPECT_EQ(0, ran);
-  };
-  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
-  timer->setTimeout(0.0);
-  Platform::doEventLoop();
-  EXPECT_EQ(1, ran);
-  EXPECT_EQ(1, timeoutsWhenRan);
-}
-
-TEST(LibeventTimerControl, DeferredOperationsAreSkippedWhenTheHandlerThrows) {
-  TestTimeoutHandler handler;
-  int ran = 0;
-  handler.onTimeout = [&] {
-    Publisher::deferOp([&] { ++ran; });
-    throw HandlerError("skip");
-  };
-  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
-  timer->setTimeout(0.0);
-  EXPECT_THROW(Platform::doEventLoop(), HandlerError);
-  EXPECT_EQ(0, ran);
-  EXPECT_EQ(1u, Publisher::deferredOpCount());
-  Publisher::runDeferredOps();
-  EXPECT_EQ(1, ran);
-}
-
-TEST(LibeventTimerControl, HandlerMayDropItsOwnControl) {
-  TestTimeoutHandler handler;
-  Ptr<Platform::TimerControl> timer = Platform::getTimerControl(&handler);
-  handler.onTimeout = [&] { timer = nullptr; };
-  timer->setTimeout(0.0);
-  Platform::doEventLoop();
-  EXPECT_EQ(1, handler.timeouts);
-  EXPECT_EQ(nullptr, timer.get());
 }
 
 } // namespace
