@@ -18,6 +18,7 @@
 #include <Kesto/Platform/PlatformHandlers.h>
 #include <Kesto/Platform/Time.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>
+#include <Kesto/Scheduler/ResetStatsTask.h>
 #include <Kesto/Scheduler/Task.h>
 #include <Kesto/Scheduler/TaskBase.h>
 #include <Kesto/Scheduler/TaskImpl.h>
