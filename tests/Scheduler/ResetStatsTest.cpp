@@ -11,6 +11,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <type_traits>
 
 using namespace KestoTest;
 using std::chrono::milliseconds;
@@ -163,6 +164,9 @@ TEST(ResetStats, ResetTaskIsMadeOnceAtNormalNamedAfterTheScheduler) {
   EXPECT_EQ(1u, r->registeredTaskCount());
   Platform::doEventLoop();
 }
+
+// A second walker would share the scheduler's one bookmark.
+static_assert(!std::is_constructible_v<TaskScheduler::ResetStatsTask, TaskScheduler*>);
 
 TEST(ResetStats, SchedulerHoldingOnlyTheResetTaskTakesOneRunCountingOneAndClearsCompletedFigures) {
   Ptr<CountingRoot> r = CountingRoot::rootIs("lonely");
@@ -377,6 +381,13 @@ TEST(ResetStats, ClearStatsLeavesTheSameFiguresAsResetStats) {
   EXPECT_EQ(0u, cleared->completedTaskStatForTest("gone").taskCompletedCount());
   // clearStats() runs no task and makes none.
   EXPECT_FALSE(resetTaskOf(*cleared));
+}
+
+TEST(ResetStats, ClearStatsChecksTheThread) {
+  Ptr<TestScheduler> s = TestScheduler::rootIs("threadChecked");
+  const unsigned before = s->threadChecks;
+  s->clearStats();
+  EXPECT_EQ(before + 1, s->threadChecks);
 }
 
 TEST(ResetStats, ClearStatsDuringAWalkLeavesTheWalkWhereItStands) {

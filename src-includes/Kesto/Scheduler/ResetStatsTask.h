@@ -33,13 +33,16 @@ namespace Kesto {
 
 class KESTO_EXPORT TaskScheduler::ResetStatsTask final : public Task {
 public:
-  explicit ResetStatsTask(TaskScheduler* scheduler);
-
   // One slice of the walk: at least one task, then until taskShouldYield().
   void taskExecute() override;
 
-  static void* operator new(std::size_t size);
   static void operator delete(void* p) noexcept;
+
+private:
+  // Only the scheduler makes one: a second walker would share its bookmark.
+  friend class TaskScheduler;
+  explicit ResetStatsTask(TaskScheduler* scheduler);
+  static void* operator new(std::size_t size);
 };
 
 } // namespace Kesto

@@ -103,6 +103,7 @@ void TaskScheduler::resetStats() {
 }
 
 void TaskScheduler::clearStats() {
+  sanityCheckCurrentRunningThread();
   schedulerStatsReset();
   // A bookmark of its own, so that a reset walk parked in the list keeps its
   // place; this one only guards the walk against what handlers do.
