@@ -1,6 +1,6 @@
 #include <Kesto/Scheduler/TaskScheduler.h>
 #include <Kesto/Debug/Trace.h>
-#include <Kesto/Scheduler/ResetStatsTask.h>
+#include <Kesto/Scheduler/ResetStatsTask.h> // ~TaskScheduler releases the reset task
 
 #include "Scheduler/HighWaterMark.h"
 
