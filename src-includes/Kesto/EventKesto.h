@@ -2,8 +2,23 @@
 // A test checks that every exported header is listed here.
 #pragma once
 
+
 #include <Kesto/Common/Export.h>
 #include <Kesto/Common/Version.h>
+#include <Kesto/Core/Backtrace.h>
+#include <Kesto/Core/Exception.h>
+#include <Kesto/Core/HashMix.h>
+#include <Kesto/Core/Hooks.h>
+#include <Kesto/Core/Locking.h>
+#include <Kesto/Core/OStringStream.h>
+#include <Kesto/Core/PidMappings.h>
+#include <Kesto/Core/Ptr.h>
+#include <Kesto/Core/Publisher.h>
+#include <Kesto/Core/Rdtsc.h>
+#include <Kesto/Core/String.h>
+#include <Kesto/Core/System.h>
+#include <Kesto/Core/ThreadControl.h>
+#include <Kesto/Core/Types.h>
 #include <Kesto/Debug/DebugControl.h>
 #include <Kesto/Debug/DebugHandler.h>
 #include <Kesto/Debug/Loco.h>
@@ -20,6 +35,7 @@
 #include <Kesto/Report/TaskNameRegex.h>
 #include <Kesto/Report/TaskSchedulerSnapshot.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>
+#include <Kesto/Scheduler/ResetStatsTask.h>
 #include <Kesto/Scheduler/SlabAllocatorScheduler.h>
 #include <Kesto/Scheduler/Task.h>
 #include <Kesto/Scheduler/TaskBase.h>
@@ -53,21 +69,6 @@
 #include <Kesto/Util/ValuePrinter.h>
 #include <Kesto/ZuIntrusive/BookmarkList.h>
 #include <Kesto/ZuIntrusive/SafeHookAssert.h>
-
 // The core library and the allocator, which the interface above is built on.
-#include <Kesto/Core/Backtrace.h>
-#include <Kesto/Core/Exception.h>
-#include <Kesto/Core/HashMix.h>
-#include <Kesto/Core/Hooks.h>
-#include <Kesto/Core/Locking.h>
-#include <Kesto/Core/OStringStream.h>
-#include <Kesto/Core/PidMappings.h>
-#include <Kesto/Core/Ptr.h>
-#include <Kesto/Core/Publisher.h>
-#include <Kesto/Core/Rdtsc.h>
-#include <Kesto/Core/String.h>
-#include <Kesto/Core/System.h>
-#include <Kesto/Core/ThreadControl.h>
-#include <Kesto/Core/Types.h>
 #include <ZuSlab/Allocator.h>
 #include <ZuSlab/ZuSlab.h>

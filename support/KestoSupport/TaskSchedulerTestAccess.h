@@ -5,6 +5,7 @@
 // objects go, so that their destructors find a consistent scheduler.
 #pragma once
 
+#include <Kesto/Scheduler/ResetStatsTask.h>
 #include <Kesto/Scheduler/TaskScheduler.h>
 
 namespace Kesto {
@@ -16,6 +17,21 @@ struct TaskSchedulerTestAccess {
   }
   static void currentlyRunningTaskIs(TaskScheduler& s, Ptr<TaskImpl> task) {
     s.currentlyRunningTask_ = std::move(task);
+  }
+  // The scheduler and its reset task hold each other for the life of the
+  // process; a test breaks the pair at its end so that the leak checker of
+  // the sanitizer build finds nothing left behind.
+  static void resetStatsTaskRelease(TaskScheduler& s) {
+    s.resetStatsBookmark_.remove();
+    s.resetStatsTask_ = nullptr;
+  }
+  // The task the reset walk will visit next: null when no walk is parked or
+  // when it is parked at the end.
+  static TaskImpl* resetStatsBookmarkNext(TaskScheduler& s) {
+    if (!s.resetStatsBookmark_.isLinked())
+      return nullptr;
+    auto it = s.resetStatsBookmark_.nextElement();
+    return it == s.registeredTasks_.end() ? nullptr : &*it;
   }
 };
 

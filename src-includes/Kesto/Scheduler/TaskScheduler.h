@@ -127,6 +127,10 @@ public:
   };
   using TaskRunQueue = TaskRunQueues::TaskRunQueue;
 
+  // The task that walks registeredTasks_ for resetStats(); see
+  // <Kesto/Scheduler/ResetStatsTask.h>.
+  class ResetStatsTask;
+
   // Marks the task of the scheduler that is inside taskExecute(): holds a
   // reference on it for the run, and does the running-critical bookkeeping.
   class CurrentlyRunningTaskAnchor {
@@ -246,6 +250,14 @@ public:
   U32 getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNoRunTasks, TaskNameRegex* regex) const;
   U32 getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNoRunTasks) const;
 
+  // --- statistics reset ---------------------------------------------------------
+  // Starts (or restarts from the head) a walk that clears the statistics of
+  // every registered task, a slice per run of the reset task, then the
+  // scheduler's own figures. Returns at once; allocates only the first time.
+  void resetStats();
+  // The same in one go, scheduler figures first: for small schedulers.
+  void clearStats();
+
   // --- tests ------------------------------------------------------------------
   Ptr<TaskImpl> taskForTest(const String& name);
   TaskStat taskStatForTest(const String& name) const;
@@ -289,6 +301,7 @@ protected:
   std::unordered_set<TaskImpl*, std::hash<TaskImpl*>, std::equal_to<TaskImpl*>, Allocator<TaskImpl*>>
       forceYieldTasks_;
   RegisteredTasks::Bookmark resetStatsBookmark_;
+  Ptr<ResetStatsTask> resetStatsTask_;
   bool suspended_ = false;
   std::map<void*, std::function<void()>, std::less<void*>,
            Allocator<std::pair<void* const, std::function<void()>>>>
@@ -308,6 +321,11 @@ private:
   // The task leaves its run queue at `now`: its wait since scheduleTask() is
   // its latest scheduling latency.
   static void schedulingLatencyRecord(TaskImpl& task, const TaskTimeStamp& now) noexcept;
+  // Zeroes one task's statistics (queue state, quantum and names stay) and
+  // calls its handleResetStats().
+  static void taskStatsReset(TaskImpl& task);
+  // runTaskCount restarts at 0, slip and completed records are cleared.
+  void schedulerStatsReset() noexcept;
 };
 
 // "name:".

@@ -1,5 +1,6 @@
 #include <Kesto/Scheduler/TaskScheduler.h>
 #include <Kesto/Debug/Trace.h>
+#include <Kesto/Scheduler/ResetStatsTask.h> // ~TaskScheduler releases the reset task
 
 #include "Scheduler/HighWaterMark.h"
 
@@ -60,11 +61,6 @@ TaskScheduler::~TaskScheduler() {
 void TaskScheduler::failPriority(TaskPriority p) const { KESTO_FAIL(className, "{}", p); }
 
 // --- virtual operations with a body here ------------------------------------
-
-bool TaskScheduler::resetStatsInProgress() const {
-  // No statistics reset walk exists in this scheduler yet.
-  return false;
-}
 
 void TaskScheduler::runCriticalPriorityTasks() {
   TaskScheduler* root = rootScheduler();
