@@ -20,6 +20,7 @@
 #include <Kesto/Scheduler/FileDescriptorTask.h>
 #include <Kesto/Scheduler/Task.h>
 #include <Kesto/Scheduler/TaskBase.h>
+#include <Kesto/Scheduler/TaskGroup.h>
 #include <Kesto/Scheduler/TaskImpl.h>
 #include <Kesto/Scheduler/TaskPriority.h>
 #include <Kesto/Scheduler/TaskScheduler.h>
