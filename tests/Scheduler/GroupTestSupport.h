@@ -30,6 +30,13 @@ public:
   }
 };
 
+// Fast forward off at the end of the scope, for tests that switch it on
+// and off from inside tasks.
+class FastForwardOffAtExit {
+public:
+  ~FastForwardOffAtExit() { Platform::setFastForward(false); }
+};
+
 // Names of tasks in the order they ran, appended by their bodies.
 struct RunLog {
   std::vector<std::string> names;
