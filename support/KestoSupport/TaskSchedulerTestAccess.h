@@ -17,6 +17,12 @@ struct TaskSchedulerTestAccess {
   static void currentlyRunningTaskIs(TaskScheduler& s, Ptr<TaskImpl> task) {
     s.currentlyRunningTask_ = std::move(task);
   }
+  // Appends to the task's run queue behind the back of scheduleTask(), as a
+  // suspended task must never be.
+  static void enqueueIs(TaskScheduler& s, TaskImpl& task) { s.taskEnqueue(task); }
+  static void schedulerHasRunnableTasksFieldIs(TaskScheduler& s, bool value) {
+    s.schedulerHasRunnableTasks_ = value;
+  }
 };
 
 } // namespace Kesto
