@@ -190,10 +190,11 @@ void TaskGroup::parentRun(ParentTask& parentTask) {
   unsigned long count = 0;
   while (schedulerHasRunnableTasks_ && !suspended_) {
     ++count;
-    const bool ran = _handleSchedulerRun(TaskPriority::scavenge);
-    // A suspended root refuses every pass; a parent task of a nested group
-    // does not see that suspension in its own yield test and would spin.
-    if (!ran && taskSchedulerRoot_->suspended())
+    // A pass that ran nothing found the lists empty (the flag is clear now)
+    // or the root suspended, which a parent task of a nested group does not
+    // see in its own yield test: either way there is nothing more to do, and
+    // no clock to read for a yield test.
+    if (!_handleSchedulerRun(TaskPriority::scavenge))
       break;
     if (parentTask.taskShouldYield())
       break;
