@@ -41,6 +41,7 @@
 #include <Kesto/Scheduler/TaskBase.h>
 #include <Kesto/Scheduler/TaskCallbackControl.h>
 #include <Kesto/Scheduler/TaskFdControl.h>
+#include <Kesto/Scheduler/TaskGroup.h>
 #include <Kesto/Scheduler/TaskImpl.h>
 #include <Kesto/Scheduler/TaskPriority.h>
 #include <Kesto/Scheduler/TaskScheduler.h>

@@ -33,6 +33,12 @@ struct TaskSchedulerTestAccess {
     auto it = s.resetStatsBookmark_.nextElement();
     return it == s.registeredTasks_.end() ? nullptr : &*it;
   }
+  // Appends to the task's run queue behind the back of scheduleTask(), as a
+  // suspended task must never be.
+  static void enqueueIs(TaskScheduler& s, TaskImpl& task) { s.taskEnqueue(task); }
+  static void schedulerHasRunnableTasksFieldIs(TaskScheduler& s, bool value) {
+    s.schedulerHasRunnableTasks_ = value;
+  }
 };
 
 } // namespace Kesto

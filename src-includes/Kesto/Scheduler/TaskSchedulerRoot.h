@@ -65,6 +65,13 @@ public:
   // Capacity of the history ring of roots created from now on.
   static unsigned historyEntryCountDefault;
 
+  // Process-wide, false at start: whether task groups keep multiple runs per
+  // parent run while virtual time is on (they drop to one run each
+  // otherwise). Groups read it when their rule is reapplied: at creation, at
+  // tasksPermittedMultipleRunsIs() and at a change of virtual time.
+  static bool testAllowTaskGroupTasksPermittedMultipleRunsWithVirtualTime();
+  static void testAllowTaskGroupTasksPermittedMultipleRunsWithVirtualTimeIs(bool allow);
+
   // A new root of its own, not the thread's shared one.
   static Ptr<TaskSchedulerRoot> TaskSchedulerRootIs(const String& name);
 
