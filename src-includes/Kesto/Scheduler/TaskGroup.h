@@ -70,6 +70,8 @@ public:
   public:
     ParentTask(TaskGroup* group, Ptr<TaskScheduler> parent, TaskPriority priority, const String& name);
 
+    // Starts a statistics reset of the group.
+    void handleResetStats() override;
     void taskExecute() override;
     // Marks the task as a group's in statistics; fails once the group is gone.
     bool isTaskGroup() const override;

@@ -278,6 +278,9 @@ protected:
   void completedTasksPerPriorityInc(TaskPriority p);
   // Appends to the persistent list of the task's queue (scheduleTask).
   void taskEnqueue(TaskImpl& task);
+  // True while this scheduler registers its own reset task: the library's
+  // task, which a group's priority rules do not apply to.
+  bool registeringResetStatsTask() const noexcept;
 
   String schedulerName_;
   TaskSchedulerRoot* taskSchedulerRoot_;
@@ -311,6 +314,7 @@ protected:
 
 private:
   friend class TaskImpl;
+  friend class TaskSchedulerSnapshotImpl;
   friend struct TaskSchedulerTestAccess;
   // Fails unless `p` is a priority a task can have (critical to scavenge).
   void checkPriority(TaskPriority p) const {

@@ -3,6 +3,7 @@
 #include <Kesto/Core/Exception.h>
 #include <Kesto/Debug/Trace.h>
 #include <Kesto/Report/TaskNameRegex.h>
+#include <Kesto/Scheduler/TaskGroup.h>
 #include <Kesto/Scheduler/TaskScheduler.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
@@ -42,14 +43,29 @@ TaskSchedulerSnapshotImpl::TaskSchedulerSnapshotImpl(const TaskScheduler& schedu
   if (!taskNameRegexError.empty())
     return;
   if (!isRootScheduler) {
-    const void* group = nullptr;
+    const TaskGroup* group = dynamic_cast<const TaskGroup*>(&scheduler);
     KESTO_ASSERT(nullptr != group, className, "nullptr != group");
+    KESTO_ASSERT(group->parentTask(), className, "nullptr != group->parentTask()");
+    parentTask = TaskKey(group->parentTask().get());
   }
   if (includeCompletedTasks)
     completedTasksSkipped = scheduler.getCompletedTaskStats(&completedTasks, includeNoRunTasks, regex);
   if (includeHistory && isRootScheduler)
     copyHistory(*scheduler.taskSchedulerHistory(), regex);
   tasksSkipped = scheduler.getTaskStats(&tasks, includeNoRunTasks, regex);
+  // Every group gets its nested snapshot, even when the filter or a zero run
+  // count leaves its parent task out of `tasks`: what runs inside a group is
+  // not the parent task's to hide.
+  for (const TaskImpl& task : const_cast<TaskScheduler::RegisteredTasks&>(scheduler.registeredTasks_)) {
+    const auto* parentTaskOfGroup = dynamic_cast<const TaskGroup::ParentTask*>(&task);
+    if (!parentTaskOfGroup || !parentTaskOfGroup->taskGroup())
+      continue;
+    TaskSchedulerSnapshotImpl nested(*parentTaskOfGroup->taskGroup(), String(), includeNoRunTasks,
+                                     includeCompletedTasks, includeHistory, regex,
+                                     TaskScheduler::displayOrderNotSpecified, sanityDisabled);
+    subSchedulers.emplace_back(subSchedulerKey(task.getStats()), std::move(nested));
+  }
+  subSchedulers.shrink_to_fit();
 }
 
 void TaskSchedulerSnapshotImpl::copyHistory(const TaskSchedulerHistory& ring, TaskNameRegex* regex) {

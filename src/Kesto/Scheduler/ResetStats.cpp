@@ -92,9 +92,27 @@ void TaskScheduler::schedulerStatsReset() noexcept {
 
 bool TaskScheduler::resetStatsInProgress() const { return resetStatsTask_ && resetStatsTask_->taskScheduled(); }
 
+namespace {
+// The scheduler whose reset task is being made on this thread. A task
+// registers from inside its base constructor, before its own type is known,
+// so this is how the registration tells the reset task apart.
+thread_local const TaskScheduler* schedulerMakingItsResetTask = nullptr;
+} // namespace
+
+bool TaskScheduler::registeringResetStatsTask() const noexcept { return schedulerMakingItsResetTask == this; }
+
 void TaskScheduler::resetStats() {
-  if (!resetStatsTask_) [[unlikely]]
-    resetStatsTask_ = Ptr<ResetStatsTask>(new ResetStatsTask(this));
+  if (!resetStatsTask_) [[unlikely]] {
+    const TaskScheduler* outer = schedulerMakingItsResetTask;
+    schedulerMakingItsResetTask = this;
+    try {
+      resetStatsTask_ = Ptr<ResetStatsTask>(new ResetStatsTask(this));
+    } catch (...) {
+      schedulerMakingItsResetTask = outer;
+      throw;
+    }
+    schedulerMakingItsResetTask = outer;
+  }
   resetStatsTask_->scheduleTask();
   // A reset under way starts again from the head: what it had done is done
   // again, and the scheduler's figures are reset once, at the new end.

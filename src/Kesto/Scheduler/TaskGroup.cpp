@@ -41,6 +41,13 @@ void* TaskGroup::ParentTask::operator new(std::size_t size) { return ZuSlab::sla
 
 void TaskGroup::ParentTask::operator delete(void* p) noexcept { ZuSlab::slabFreeOrStdFree(p); }
 
+void TaskGroup::ParentTask::handleResetStats() {
+  // A reset of the parent scheduler spreads down the tree of groups, each
+  // group's walk as a task of its own.
+  if (taskGroup_)
+    taskGroup_->resetStats();
+}
+
 void TaskGroup::ParentTask::taskExecute() {
   TaskGroup* group = taskGroup_;
   // The group went while this task was still held (by a run or a report).
@@ -109,7 +116,10 @@ void TaskGroup::handleTaskForceYieldInTest() {
 void TaskGroup::handleVirtualTimeChange() { tasksPermittedMultipleRunsReevaluate(); }
 
 void TaskGroup::taskRegister(TaskImpl* task) {
-  validateTaskPriority(task->taskPriority());
+  // The group's own reset task runs at normal whatever the group allows its
+  // tasks: it is the library's bookkeeping, not one of the group's tasks.
+  if (!registeringResetStatsTask())
+    validateTaskPriority(task->taskPriority());
   TaskScheduler::taskRegister(task);
 }
 
