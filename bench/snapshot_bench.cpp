@@ -6,11 +6,14 @@
 //    with every task, the completed statistics and the history.
 //  - SnapshotFiltered/N: the same with a filter that keeps 1 % of the tasks
 //    (10 of the 1,000 names).
+//  - SnapshotGroups/N: the N tasks in ten task groups of N/10 under the
+//    root, one nested snapshot each.
 //
 // Reported: ns_per_task, and bytes_per_task held by the snapshot's vectors.
 // Each iteration checks what it copied.
 #include <Kesto/Report/TaskSchedulerSnapshot.h>
 #include <Kesto/Scheduler/Task.h>
+#include <Kesto/Scheduler/TaskGroup.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
 #include <KestoSupport/BenchRepetitions.h>
@@ -35,7 +38,10 @@ constexpr unsigned nameCount = 1000;
 constexpr unsigned completedNames = 1000;
 
 struct Agent {
-  explicit Agent(unsigned taskCount) : root(TaskSchedulerRoot::TaskSchedulerRootIs("bench")) {
+  Agent(unsigned taskCount, unsigned groupCount = 0) : root(TaskSchedulerRoot::TaskSchedulerRootIs("bench")) {
+    for (unsigned g = 0; g < groupCount; ++g)
+      groups.push_back(TaskGroup::TaskGroupIs(String(fmt::format("group{}", g)), TaskPriority::normal,
+                                              TaskGroupPriorityEnforcement::allowAny, root));
     std::vector<String> names;
     for (unsigned i = 0; i < nameCount; ++i)
       names.push_back(String(fmt::format("worker{}", i)).dedup());
@@ -43,15 +49,36 @@ struct Agent {
       Ptr<IdleTask>(new IdleTask(root, String(fmt::format("finished{}", i)).dedup()));
     tasks.reserve(taskCount);
     for (unsigned i = 0; i < taskCount; ++i)
-      tasks.push_back(Ptr<IdleTask>(new IdleTask(root, names[i % nameCount])));
+      tasks.push_back(Ptr<IdleTask>(new IdleTask(
+          groups.empty() ? Ptr<TaskScheduler>(root) : Ptr<TaskScheduler>(groups[i % groups.size()]),
+          names[i % nameCount])));
   }
   Ptr<TaskSchedulerRoot> root;
+  std::vector<Ptr<TaskGroup>> groups;
   std::vector<Ptr<IdleTask>> tasks;
 };
 
-void run(benchmark::State& state, const String& filter, std::size_t expectedTasks) {
+// The tasks of a snapshot and of all it nests.
+std::size_t taskLines(const TaskSchedulerSnapshotImpl& s) {
+  std::size_t n = s.tasks.size();
+  for (const auto& [key, nested] : s.subSchedulers)
+    n += taskLines(nested);
+  return n;
+}
+
+std::size_t bytesHeld(const TaskSchedulerSnapshotImpl& s) {
+  std::size_t n = (s.tasks.capacity() + s.completedTasks.capacity()) * sizeof(TaskStat) +
+                  s.subSchedulers.capacity() * sizeof(TaskSchedulerSnapshotImpl::SubScheduler);
+  if (s.history)
+    n += s.history->events.capacity() * sizeof(TaskSchedulerHistory::Event);
+  for (const auto& [key, nested] : s.subSchedulers)
+    n += bytesHeld(nested);
+  return n;
+}
+
+void run(benchmark::State& state, const String& filter, std::size_t expectedTasks, unsigned groupCount = 0) {
   const unsigned taskCount = unsigned(state.range(0));
-  Agent agent(taskCount);
+  Agent agent(taskCount, groupCount);
   const TaskSchedulerHistory& ring = *agent.root->taskSchedulerHistory();
   if (ring.historyEventCount() != ring.historyEntryCount())
     state.SkipWithError("history ring not full");
@@ -60,12 +87,11 @@ void run(benchmark::State& state, const String& filter, std::size_t expectedTask
     Ptr<TaskSchedulerSnapshot const> s =
         agent.root->snapshot("", true, true, true, filter, TaskScheduler::displayOrderNotSpecified);
     const auto& impl = static_cast<const TaskSchedulerSnapshotImpl&>(*s);
-    if (impl.tasks.size() != expectedTasks || !impl.history) {
+    if (taskLines(impl) != expectedTasks || !impl.history || impl.subSchedulers.size() != groupCount) {
       state.SkipWithError("wrong copy");
       break;
     }
-    bytes = impl.tasks.capacity() * sizeof(TaskStat) + impl.completedTasks.capacity() * sizeof(TaskStat) +
-            impl.history->events.capacity() * sizeof(TaskSchedulerHistory::Event);
+    bytes = bytesHeld(impl);
     state.PauseTiming();
     s = nullptr; // the release is the reader's cost, not the thread's stop
     state.ResumeTiming();
@@ -82,8 +108,14 @@ void BM_SnapshotFiltered(benchmark::State& state) {
   run(state, "worker([1-9]|10)", std::size_t(state.range(0)) / 100);
 }
 
+void BM_SnapshotGroups(benchmark::State& state) {
+  // Each group's parent task has a line of its own in the root's tasks.
+  run(state, String(), std::size_t(state.range(0)) + 10, 10);
+}
+
 } // namespace
 
+BENCHMARK(BM_SnapshotGroups)->Arg(100000)->Unit(benchmark::kMillisecond)->Apply(KestoSupport::repeated);
 BENCHMARK(BM_Snapshot)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond)->Apply(KestoSupport::repeated);
 BENCHMARK(BM_SnapshotFiltered)
     ->Arg(10000)
