@@ -4,9 +4,16 @@
 // when their quantum is used, a heartbeat and an audit run on jittered
 // timers, and a compactor gets the thread only when nothing else wants it.
 //
+// An indexer subsystem of many small tasks runs as one task group under the
+// root: it gets one slot of the thread, is suspended for ten virtual minutes
+// by an operator task and resumed, and the operator resets all statistics
+// in the middle of the virtual hour, so the figures printed at the end
+// cover its second half.
+//
 // It runs a few seconds of real event loop, then an hour of virtual time
 // under fast forward (in well under a second of real time), and prints the
-// per-priority queue statistics and each task's statistics.
+// per-priority queue statistics, each task's statistics and the group's
+// share of the thread.
 //
 //   demo_agent [real-seconds [simulated-seconds]]      defaults: 3 and 3600
 //
@@ -25,6 +32,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 using namespace Kesto;
 
@@ -233,6 +241,62 @@ public:
   void taskExecute() override { taskWorkCountInc(1); }
 };
 
+// One shard of the indexer: a little work four times a second.
+class Shard : public TimerTask {
+public:
+  Shard(const Ptr<TaskScheduler>& group, unsigned index)
+      : TimerTask(group, index % 4 == 0 ? TaskPriority::high : TaskPriority::normal, "shard"), index_(index) {}
+  DEMO_TASK_DELETE
+
+  void taskExecute() override {
+    for (unsigned i = 0; i < 64; ++i)
+      state_ = state_ * 6364136223846793005ULL + index_ + i;
+    taskWorkCountInc(64);
+    scheduleTaskJitterDown(0.25, 20);
+  }
+
+private:
+  unsigned index_;
+  U64 state_ = 0;
+};
+
+// The operator of the virtual hour: suspends the indexer at minute 20,
+// resumes it at minute 30 and resets the statistics of the whole tree at
+// the same moment.
+class Operator : public TimerTask {
+public:
+  Operator(const Ptr<TaskSchedulerRoot>& root, const Ptr<TaskGroup>& indexer)
+      : TimerTask(root, TaskPriority::absolute, "operator"), root_(root.get()), indexer_(indexer.get()) {}
+  DEMO_TASK_DELETE
+
+  void start() {
+    startedAt_ = Kesto::time();
+    scheduleTaskDelay(20 * 60.0);
+  }
+  bool resumed() const { return resumedAt_ != 0.0; }
+  double suspendedFor() const { return resumedAt_ - suspendedAt_; }
+  double resetAt() const { return resumedAt_ - startedAt_; }
+
+  void taskExecute() override {
+    if (!indexer_->taskGroupSuspended()) {
+      suspendedAt_ = Kesto::time();
+      indexer_->taskGroupSuspendedIs(true);
+      scheduleTaskDelay(10 * 60.0);
+      return;
+    }
+    resumedAt_ = Kesto::time();
+    indexer_->taskGroupSuspendedIs(false);
+    root_->resetStats();
+  }
+
+private:
+  TaskSchedulerRoot* root_;
+  TaskGroup* indexer_;
+  double startedAt_ = 0.0;
+  double suspendedAt_ = 0.0;
+  double resumedAt_ = 0.0;
+};
+
 // ---- the report -------------------------------------------------------------
 
 void printQueueStats(const TaskSchedulerRoot& root) {
@@ -245,13 +309,13 @@ void printQueueStats(const TaskSchedulerRoot& root) {
 
 void printTaskHeader() {
   fmt::print("\nTasks\n");
-  fmt::print("  {:<14} {:<9} {:>8} {:>10} {:>8} {:>8} {:>5} {:>5} {:>9} {:>8}\n", "task", "priority", "runs",
+  fmt::print("  {:<18} {:<9} {:>8} {:>10} {:>8} {:>8} {:>5} {:>5} {:>9} {:>8}\n", "task", "priority", "runs",
              "run time", "max run", "max wait", ">200%", ">500%", "work", "max pend");
 }
 
 void printTask(const TaskStat& s) {
   const U32 pendingMark = s.taskWorkPendingHighWaterMark();
-  fmt::print("  {:<14} {:<9} {:>8} {:>10} {:>5} ms {:>5} ms {:>5} {:>5} {:>9} {:>8}\n", s.taskName().view(),
+  fmt::print("  {:<18} {:<9} {:>8} {:>10} {:>5} ms {:>5} ms {:>5} {:>5} {:>9} {:>8}\n", s.taskName().view(),
              fmt::format("{}", s.taskPriority()), s.taskRunCount(), durationToString(s.taskTotalRunTime()).view(),
              s.taskRunTimeHighWaterMark().count(), s.taskSchedulingLatencyHighWaterMark().count(),
              s.taskQuantumViolation200(), s.taskQuantumViolation500(), s.taskWorkCountTotal(),
@@ -290,7 +354,18 @@ int main(int argc, char** argv) {
   Ptr<Heartbeat> heartbeat(new Heartbeat(root, compactor.get()));
   Ptr<Audit> audit(new Audit(root, feed.get(), ingest.get()));
 
-  fmt::print("Agent on root scheduler \"{}\" with {} tasks\n", root->schedulerName(), root->totalRegisteredTaskCount());
+  Ptr<TaskGroup> indexer = TaskGroup::TaskGroupIs("indexer", TaskPriority::normal,
+                                                  TaskGroupPriorityEnforcement::onlyAllowRegularPriorities, root);
+  constexpr unsigned shardCount = 40;
+  std::vector<Ptr<Shard>> shards;
+  for (unsigned i = 0; i < shardCount; ++i) {
+    shards.push_back(Ptr<Shard>(new Shard(indexer, i)));
+    shards.back()->scheduleTaskJitterUp(0.25, 100);
+  }
+  Ptr<Operator> op(new Operator(root, indexer));
+
+  fmt::print("Agent on root scheduler \"{}\" with {} tasks, {} of them in the group \"{}\"\n", root->schedulerName(),
+             root->totalRegisteredTaskCount(), indexer->registeredTaskCount(), indexer->schedulerName());
   feed->scheduleTask();
   heartbeat->start();
   audit->scheduleTaskJitterUp(60.0, 10);
@@ -306,6 +381,7 @@ int main(int argc, char** argv) {
   wall = Clock::now();
   fmt::print("Running {} s of virtual time under fast forward...\n", simulatedSeconds);
   Platform::setFastForward(true);
+  op->start();
   Platform::doEventLoop(simulatedSeconds);
   Platform::setFastForward(false);
   fmt::print("  {:.0f} s of virtual time passed in {:.3f} s of real time\n", Kesto::time() - virtualStart,
@@ -314,6 +390,9 @@ int main(int argc, char** argv) {
   feed->stopTimerTask();
   heartbeat->stopTimerTask();
   audit->stopTimerTask();
+  op->stopTimerTask();
+  for (const Ptr<Shard>& shard : shards)
+    shard->stopTimerTask();
   // Let the last messages in flight be read and crunched.
   Platform::doEventLoop(0.2);
 
@@ -323,6 +402,34 @@ int main(int argc, char** argv) {
                                                                   audit.get(), compactor.get()})
     printTask(t->getStats());
   printTask(ingest->readTask()->getStats());
+  printTask(op->getStats());
+  printTask(indexer->parentTask()->getStats());
+
+  // The group's share of the thread: its parent task's run time against all
+  // run time of the root's tasks, the parent task's included.
+  U64 shardRuns = 0;
+  for (const Ptr<Shard>& shard : shards)
+    shardRuns += shard->taskRunCount();
+  TaskTimeDuration rootRunTime{0};
+  for (const TaskStat& stat : [&] {
+         std::vector<TaskStat> all;
+         root->getTaskStats(&all, true);
+         return all;
+       }())
+    rootRunTime += stat.taskTotalRunTime();
+  const TaskTimeDuration groupRunTime = indexer->parentTask()->getStats().taskTotalRunTime();
+  fmt::print("\nGroup \"{}\": {} shards, {} shard runs in {} runs of its parent task, {} of run time, "
+             "{:.1f} % of all task run time\n",
+             indexer->schedulerName(), shardCount, shardRuns, indexer->parentTaskRunCount(),
+             durationToString(groupRunTime).view(),
+             rootRunTime.count() ? 100.0 * double(groupRunTime.count()) / double(rootRunTime.count()) : 0.0);
+  if (op->resumed())
+    fmt::print("Suspended for {:.0f} s of virtual time; statistics reset {:.0f} s into the virtual run, so the "
+               "figures above cover what came after\n",
+               op->suspendedFor(), op->resetAt());
+  else
+    fmt::print("The operator suspends the group at virtual minute 20 and resumes it and resets the statistics "
+               "at minute 30; this run was shorter\n");
 
   fmt::print("\nMessages: {} sent, {} received, {} refused by a full socket, at most {} in flight at an audit, "
              "longest transit {:.6f} s\n",
