@@ -27,6 +27,8 @@ comma := ,
 PACKAGES := g++ make cmake ninja-build pkg-config libevent-dev libfmt-dev \
             rapidjson-dev libboost-dev googletest libgtest-dev libgmock-dev \
             libbenchmark-dev iproute2
+# ccache, when the machine has it, for the repeated builds of development.
+LAUNCHER := $(if $(shell command -v ccache),-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 FUZZ_PACKAGES := clang-14 libfuzzer-14-dev
 FUZZ_SECONDS ?= 60
 FUZZ_DIR ?= build-fuzz
@@ -55,7 +57,7 @@ fuzz-deps: deps
 
 $(BUILD_DIR)/build.ninja: | deps
 	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) \
-	  -DKESTO_SANITIZE=$(SANITIZE) -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
+	  -DKESTO_SANITIZE=$(SANITIZE) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(LAUNCHER) \
 	  $(if $(SANITIZE),-DKESTO_BUILD_BENCH=OFF)
 
 configure: deps $(BUILD_DIR)/build.ninja
@@ -81,7 +83,7 @@ fuzz: fuzz-deps
 	cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
 	  -DKESTO_SANITIZE=address,undefined -DKESTO_BUILD_FUZZ=ON \
-	  -DKESTO_BUILD_TESTS=OFF -DKESTO_BUILD_BENCH=OFF -DKESTO_BUILD_EXAMPLES=OFF
+	  -DKESTO_BUILD_TESTS=OFF -DKESTO_BUILD_BENCH=OFF -DKESTO_BUILD_EXAMPLES=OFF $(LAUNCHER)
 	cmake --build $(FUZZ_DIR) -j $(JOBS)
 	fuzz/run $(FUZZ_DIR) $(FUZZ_SECONDS)
 
