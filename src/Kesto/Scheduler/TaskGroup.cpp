@@ -193,9 +193,12 @@ void TaskGroup::parentRun(ParentTask& parentTask) {
   // the time-stamp counter, which costs a few cycles where a clock call
   // costs ~20 ns, after every pass.
   const bool pollCritical = parentTask.taskQuantum() > criticalPollQuantum;
-  U64 deadline = 0;
-  if (pollCritical)
-    deadline = Rdtsc::ticks() + Rdtsc::secondsToTicks(criticalPollFirstSeconds);
+  // The intervals in ticks first: the first use of the counter's rate
+  // measures it, which takes milliseconds that must not count against the
+  // first deadline.
+  const U64 firstPollTicks = pollCritical ? Rdtsc::secondsToTicks(criticalPollFirstSeconds) : 0;
+  const U64 nextPollTicks = pollCritical ? Rdtsc::secondsToTicks(criticalPollNextSeconds) : 0;
+  U64 deadline = pollCritical ? Rdtsc::ticks() + firstPollTicks : 0;
 
   unsigned long count = 0;
   while (schedulerHasRunnableTasks_ && !suspended_) {
@@ -210,7 +213,7 @@ void TaskGroup::parentRun(ParentTask& parentTask) {
       break;
     if (pollCritical && Rdtsc::ticks() >= deadline) {
       taskSchedulerRoot_->runCriticalPriorityTasks();
-      deadline = Rdtsc::ticks() + Rdtsc::secondsToTicks(criticalPollNextSeconds);
+      deadline = Rdtsc::ticks() + nextPollTicks;
     }
   }
 
