@@ -2,6 +2,7 @@
 
 #include <Kesto/Debug/Trace.h>
 
+#include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -163,23 +164,25 @@ void SnapshotShowText::taskDisplay(const SchedulerDisplayContext& ctx, const Tas
     fmt::format_to(std::back_inserter(name), "@{}", DisplayPointer(stat.taskKey().object()));
   const U64 nameWidth = taskNameWidth > indent ? taskNameWidth - indent : 0;
   const String status = stat.taskStatusString();
-  fmt::format_to(out, "{:{}s}{:<{}s} {:2s} {:>10d} {:>13.3f} {:>6.3f} {:>7.3f} {:>4d} {:>4d} {:>5d}", "", indent,
+  // Compiled: the line is the hot path of a large report, and parsing its
+  // format at run time costs about a third of the line.
+  fmt::format_to(out, FMT_COMPILE("{:{}s}{:<{}s} {:2s} {:>10d} {:>13.3f} {:>6.3f} {:>7.3f} {:>4d} {:>4d} {:>5d}"), "", indent,
                  std::string_view(name.data(), name.size()), nameWidth, status.view(), stat.taskRunCount(),
                  double(stat.taskTotalRunTime().count()) / 1e9, stat.taskLastSchedulingLatency().count() / 1000.0,
                  stat.taskSchedulingLatencyHighWaterMark().count() / 1000.0, stat.taskQuantumViolation200(),
                  stat.taskQuantumViolation500(),
                  U64(stat.taskRunTimeHighWaterMark().count() / 1000.0 * 1000.0));
   if (completed)
-    fmt::format_to(out, " {:>4d}", stat.taskCompletedCount());
+    fmt::format_to(out, FMT_COMPILE(" {:>4d}"), stat.taskCompletedCount());
   if (stat.taskWorkCountHighWaterMark() == TaskStat::noValue)
-    fmt::format_to(out, " {:>10s} {:>8s} {:>6s}", "-", "-", "-");
+    fmt::format_to(out, FMT_COMPILE(" {:>10s} {:>8s} {:>6s}"), "-", "-", "-");
   else
-    fmt::format_to(out, " {:>10d} {:8.1f} {:>6d}", stat.taskWorkCountTotal(), stat.taskWorkCountDecayAvg(),
+    fmt::format_to(out, FMT_COMPILE(" {:>10d} {:8.1f} {:>6d}"), stat.taskWorkCountTotal(), stat.taskWorkCountDecayAvg(),
                    stat.taskWorkCountHighWaterMark());
   if (stat.taskWorkPendingHighWaterMark() == TaskStat::noValue)
-    fmt::format_to(out, " {:>9s} {:>10s}\n", "-", "-");
+    fmt::format_to(out, FMT_COMPILE(" {:>9s} {:>10s}\n"), "-", "-");
   else
-    fmt::format_to(out, " {:>9d} {:>10d}\n", stat.taskWorkPending(), stat.taskWorkPendingHighWaterMark());
+    fmt::format_to(out, FMT_COMPILE(" {:>9d} {:>10d}\n"), stat.taskWorkPending(), stat.taskWorkPendingHighWaterMark());
   output.addRight(std::string_view(line.data(), line.size()));
 }
 
