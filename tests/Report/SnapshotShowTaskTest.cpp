@@ -22,6 +22,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <deque>
@@ -469,4 +470,38 @@ TEST_F(ShowTaskTest, StateNamesAndStageNames) {
   EXPECT_STREQ("displayCompletedTasks", formatSnapshotShowStage(SnapshotShow::Stage::displayCompletedTasks));
   EXPECT_STREQ("displayHistory", formatSnapshotShowStage(SnapshotShow::Stage::displayHistory));
   EXPECT_STREQ("displayHistoryEvents", formatSnapshotShowStage(SnapshotShow::Stage::displayHistoryEvents));
+}
+
+TEST_F(ShowTaskTest, OtherTasksKeepRunningWhileALargeReportStreams) {
+  // With the show's quantum forced to be spent at every check, each of its
+  // runs formats one output element (and writes at most once); a
+  // high-priority task that is always runnable then never sees more than
+  // one run of the show between two runs of its own.
+  Pipe p;
+  p.shrink();
+  const SnapshotPtr snap = bigSnapshot(3000);
+  bool done = false;
+  root->snapshotRenderTextAsync(p.writer, {snap}, false, false, [&] { done = true; });
+  SnapshotShowTask* show = showTask(p.writer);
+  ASSERT_NE(nullptr, show);
+  show->taskForceYieldInTestIs(true);
+  U64 lastShowRuns = 0;
+  U64 maxShowRunsBetween = 0;
+  U64 highRuns = 0;
+  Ptr<KestoTest::TestTask> high(new KestoTest::TestTask(root, TaskPriority::high, "alwaysBusy", [&](KestoTest::TestTask& self) {
+    ++highRuns;
+    if (done)
+      return;
+    const U64 runs = show->taskRunCountWritable();
+    maxShowRunsBetween = std::max(maxShowRunsBetween, runs - lastShowRuns);
+    lastShowRuns = runs;
+    self.scheduleTask();
+  }));
+  high->scheduleTask();
+  ASSERT_TRUE(runUntil(p, [&] { return done; }, 4096));
+  EXPECT_EQ(1u, maxShowRunsBetween);
+  const TaskStat folded = root->completedTaskStatForTest("TaskSchedulerShow:write");
+  EXPECT_GE(folded.taskRunCount(), 3000u); // one run per task line at least
+  EXPECT_GE(highRuns, folded.taskRunCount());
+  EXPECT_TRUE(renderText(snap, false, false) == p.received);
 }
