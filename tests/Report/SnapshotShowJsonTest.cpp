@@ -357,7 +357,8 @@ TEST(SnapshotShowJson, InvalidFilterObjectHoldsErrorAndEmptyTasks) {
   const SnapshotPtr p = share(std::move(s));
   const std::string text = renderJson(p);
   expectDocument(text, impl(p));
-  const Value& o = member(member(parse(text), "schedulers"), "bad");
+  const rapidjson::Document d = parse(text);
+  const Value& o = member(member(d, "schedulers"), "bad");
   EXPECT_EQ((std::vector<std::string>{"schedulerName", "isRootScheduler", "taskNameRegex", "taskNameRegexError",
                                       "priorityStats", "maxSchedulerSlip", "tasks", "subSchedulers"}),
             memberNames(o));
