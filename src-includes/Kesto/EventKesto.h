@@ -32,6 +32,10 @@
 #include <Kesto/Platform/PlatformEventPriority.h>
 #include <Kesto/Platform/PlatformHandlers.h>
 #include <Kesto/Platform/Time.h>
+#include <Kesto/Report/SnapshotShow.h>
+#include <Kesto/Report/SnapshotShowJson.h>
+#include <Kesto/Report/SnapshotShowTask.h>
+#include <Kesto/Report/SnapshotShowText.h>
 #include <Kesto/Report/TaskNameRegex.h>
 #include <Kesto/Report/TaskSchedulerSnapshot.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>

@@ -59,6 +59,7 @@
 
 namespace Kesto {
 
+class SnapshotShow;
 class TaskNameRegex;
 class TaskSchedulerRoot;
 class TaskSchedulerSnapshot;
@@ -258,6 +259,28 @@ public:
   // The same in one go, scheduler figures first: for small schedulers.
   void clearStats();
 
+  // Reports written to `fd` by a task of this scheduler, in slices of its
+  // quantum; they return before the first byte is written. The descriptor
+  // is made non-blocking, belongs to the report from now on and is closed
+  // at its end; onComplete runs then, after success and failure alike.
+  // Defined with the reports (Report/SnapshotRender.cpp).
+  using SnapshotVector = std::vector<Ptr<TaskSchedulerSnapshot const>>;
+  void snapshotRenderTextAsync(int fd, SnapshotVector snapshots, bool hierarchical, bool showTaskAddresses,
+                               std::function<void()> onComplete);
+  void snapshotRenderTextAsync(int fd, SnapshotVector snapshots, bool hierarchical, bool showTaskAddresses);
+  void snapshotRenderTextAsync(int fd, Ptr<TaskSchedulerSnapshot const> snapshot, bool hierarchical,
+                               bool showTaskAddresses);
+  void snapshotRenderJsonAsync(int fd, SnapshotVector snapshots, std::function<void()> onComplete);
+  void snapshotRenderJsonAsync(int fd, SnapshotVector snapshots);
+  void snapshotRenderJsonAsync(int fd, Ptr<TaskSchedulerSnapshot const> snapshot);
+  // A report of this scheduler now, in one go, with no task.
+  String statsRenderTextToString(bool includeNoRunTasks, bool includeCompletedTasks, bool includeHistory,
+                                 String taskNameRegex, bool hierarchical, bool showTaskAddresses) const;
+  String statsRenderJsonToString(bool includeNoRunTasks, bool includeCompletedTasks, bool includeHistory,
+                                 String taskNameRegex) const;
+  // Reports under way on this scheduler.
+  std::size_t snapshotShowCount() const noexcept { return snapshotShows_.size(); }
+
   // --- tests ------------------------------------------------------------------
   Ptr<TaskImpl> taskForTest(const String& name);
   TaskStat taskStatForTest(const String& name) const;
@@ -282,6 +305,8 @@ protected:
   // task, which a group's priority rules do not apply to.
   bool registeringResetStatsTask() const noexcept;
 
+  // Keeps each running asynchronous report alive until it ends.
+  std::unordered_set<Ptr<SnapshotShow>> snapshotShows_;
   String schedulerName_;
   TaskSchedulerRoot* taskSchedulerRoot_;
   Ptr<TaskSchedulerHistory> taskSchedulerHistory_;
@@ -322,6 +347,10 @@ private:
       failPriority(p);
   }
   [[noreturn, gnu::cold]] void failPriority(TaskPriority p) const;
+  // The common start of an asynchronous report: `make` builds the renderer
+  // with the completion function it is given.
+  using SnapshotShowMaker = std::function<SnapshotShow*(std::function<void(SnapshotShow*)>)>;
+  void snapshotShowStart(int fd, const SnapshotShowMaker& make, std::function<void()> onComplete);
   // The task leaves its run queue at `now`: its wait since scheduleTask() is
   // its latest scheduling latency.
   static void schedulingLatencyRecord(TaskImpl& task, const TaskTimeStamp& now) noexcept;

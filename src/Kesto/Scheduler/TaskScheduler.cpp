@@ -1,5 +1,6 @@
 #include <Kesto/Scheduler/TaskScheduler.h>
 #include <Kesto/Debug/Trace.h>
+#include <Kesto/Report/SnapshotShow.h>
 #include <Kesto/Scheduler/ResetStatsTask.h> // ~TaskScheduler releases the reset task
 
 #include "Scheduler/HighWaterMark.h"
