@@ -12,7 +12,7 @@
 //
 // It runs a few seconds of real event loop, then an hour of virtual time
 // under fast forward (in well under a second of real time), and prints the
-// per-priority queue statistics, each task's statistics and the group's
+// scheduler report (hierarchical text, and JSON to a file) and the group's
 // share of the thread.
 //
 //   demo_agent [real-seconds [simulated-seconds]]      defaults: 3 and 3600
@@ -299,29 +299,6 @@ private:
 
 // ---- the report -------------------------------------------------------------
 
-void printQueueStats(const TaskSchedulerRoot& root) {
-  fmt::print("\nRun queues by priority\n");
-  fmt::print("  {:<9} {:>9} {:>6} {:>10} {:>12}\n", "priority", "runnable", "idle", "completed", "task runs");
-  for (const auto& [priority, stats] : root.queueStatsRoot())
-    fmt::print("  {:<9} {:>9} {:>6} {:>10} {:>12}\n", fmt::format("{}", priority), stats.runnableTasks,
-               stats.idleTasks, stats.completedTasks, stats.totalRunCount);
-}
-
-void printTaskHeader() {
-  fmt::print("\nTasks\n");
-  fmt::print("  {:<18} {:<9} {:>8} {:>10} {:>8} {:>8} {:>5} {:>5} {:>9} {:>8}\n", "task", "priority", "runs",
-             "run time", "max run", "max wait", ">200%", ">500%", "work", "max pend");
-}
-
-void printTask(const TaskStat& s) {
-  const U32 pendingMark = s.taskWorkPendingHighWaterMark();
-  fmt::print("  {:<18} {:<9} {:>8} {:>10} {:>5} ms {:>5} ms {:>5} {:>5} {:>9} {:>8}\n", s.taskName().view(),
-             fmt::format("{}", s.taskPriority()), s.taskRunCount(), durationToString(s.taskTotalRunTime()).view(),
-             s.taskRunTimeHighWaterMark().count(), s.taskSchedulingLatencyHighWaterMark().count(),
-             s.taskQuantumViolation200(), s.taskQuantumViolation500(), s.taskWorkCountTotal(),
-             pendingMark == TaskStat::noValue ? std::string("-") : std::to_string(pendingMark));
-}
-
 double parseSeconds(const char* text, double fallback) {
   if (!text)
     return fallback;
@@ -396,14 +373,17 @@ int main(int argc, char** argv) {
   // Let the last messages in flight be read and crunched.
   Platform::doEventLoop(0.2);
 
-  printQueueStats(*root);
-  printTaskHeader();
-  for (const TaskImpl* t : std::initializer_list<const TaskImpl*>{feed.get(), cruncher.get(), heartbeat.get(),
-                                                                  audit.get(), compactor.get()})
-    printTask(t->getStats());
-  printTask(ingest->readTask()->getStats());
-  printTask(op->getStats());
-  printTask(indexer->parentTask()->getStats());
+  // The agent's own report, as an operator would ask for it: the tree of
+  // schedulers with the group's tasks under its line, the tasks that ran
+  // since the reset, the completed ones and the latest history.
+  fmt::print("\n{}", root->statsRenderTextToString(false, true, true, "", true, false).view());
+  const std::string jsonPath = "/tmp/demo_agent_report.json";
+  if (std::FILE* json = std::fopen(jsonPath.c_str(), "w")) {
+    const String text = root->statsRenderJsonToString(false, true, true, "");
+    std::fwrite(text.data(), 1, text.size(), json);
+    std::fclose(json);
+    fmt::print("\nThe same report as JSON: {} ({} bytes)\n", jsonPath, text.size());
+  }
 
   // The group's share of the thread: its parent task's run time against all
   // run time of the root's tasks, the parent task's included.
