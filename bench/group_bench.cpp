@@ -22,6 +22,8 @@
 #include <KestoSupport/BenchRepetitions.h>
 #include <KestoSupport/MallocCounter.h>
 
+#include <KestoSupport/ChainTask.h>
+
 #include <benchmark/benchmark.h>
 
 using namespace Kesto;
@@ -30,21 +32,7 @@ namespace {
 
 constexpr U64 batch = 100000;
 
-class ChainTask : public Task {
-public:
-  ChainTask(Ptr<TaskScheduler> s, const String& name, U64* left)
-      : Task(std::move(s), TaskPriority::normal, name), left_(left) {}
-  void taskExecute() override {
-    if (*left_ != 0) {
-      --*left_;
-      scheduleTask();
-    }
-  }
-  static void operator delete(void* p) { ::operator delete(p); }
-
-private:
-  U64* left_;
-};
+using KestoSupport::ChainTask;
 
 // `depth` groups between the root and the task; 0 is the root itself.
 void chainBench(benchmark::State& state, unsigned depth, bool multipleRuns) {
@@ -58,7 +46,7 @@ void chainBench(benchmark::State& state, unsigned depth, bool multipleRuns) {
     where = groups.back();
   }
   U64 left = 0;
-  Ptr<ChainTask> task(new ChainTask(where, "chain", &left));
+  Ptr<ChainTask> task(new ChainTask(where, TaskPriority::normal, "chain", &left));
   // Warm-up batch: first use of every path, untimed.
   left = batch - 1;
   task->scheduleTask();

@@ -22,6 +22,8 @@
 #include <Kesto/Scheduler/Task.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
+#include <KestoSupport/ChainTask.h>
+
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
 #include <event2/event_struct.h>
@@ -34,21 +36,7 @@ namespace {
 
 constexpr U64 batch = 100000;
 
-class ChainTask : public Task {
-public:
-  ChainTask(Ptr<TaskScheduler> s, TaskPriority p, const String& name, U64* left)
-      : Task(std::move(s), p, name), left_(left) {}
-  void taskExecute() override {
-    if (*left_ != 0) {
-      --*left_;
-      scheduleTask();
-    }
-  }
-  static void operator delete(void* p) { ::operator delete(p); }
-
-private:
-  U64* left_;
-};
+using KestoSupport::ChainTask;
 
 // The scheduler's clock, counted.
 U64 clockReadings = 0;
