@@ -181,3 +181,34 @@ TEST(TaskNameRegex, ValidateGivesTheEngineTextAndWritesTheSameLine) {
   ASSERT_TRUE(error.has_value());
   EXPECT_EQ(error->str(), engineError("("));
 }
+
+TEST(TaskNameRegex, ExpressionBeyondTheLimitIsRefusedAsTooComplex) {
+  const std::string tooLong(TaskNameRegex::maxExpressionLength + 1, 'x');
+  const std::string complexity = std::regex_error(std::regex_constants::error_complexity).what();
+  testing::internal::CaptureStderr();
+  TaskNameRegex r{String(tooLong)};
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            invalidLinePrefix + tooLong + "' raised exception: " + complexity + "\n");
+  EXPECT_FALSE(r.valid);
+  EXPECT_EQ(r.error.str(), complexity);
+  // 64 KiB of open parentheses used to overflow the stack in the compiler.
+  testing::internal::CaptureStderr();
+  TaskNameRegex nested{String(std::string(64 * 1024, '('))};
+  testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(nested.valid);
+  // At the limit the expression compiles.
+  TaskNameRegex atLimit{String(std::string(TaskNameRegex::maxExpressionLength, 'x'))};
+  EXPECT_TRUE(atLimit.valid);
+  EXPECT_TRUE(atLimit.match<0>(String(std::string(TaskNameRegex::maxExpressionLength, 'x'))));
+}
+
+TEST(TaskNameRegex, NameBeyondTheLimitMatchesNothingInsteadOfOverflowingTheStack) {
+  TaskNameRegex any(".*");
+  const String atLimit(std::string(TaskNameRegex::maxNameLength, 'g'));
+  const String beyond(std::string(64 * 1024, 'g'));
+  EXPECT_TRUE(any.match<0>(atLimit));
+  EXPECT_FALSE(any.match<0>(beyond));
+  EXPECT_FALSE(any.match<2>(beyond));
+  EXPECT_EQ(any.nameMatches.at(beyond), Match::notMatched);
+  EXPECT_EQ(any.engineRunCount(), 1u);
+}

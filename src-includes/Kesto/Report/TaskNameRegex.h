@@ -17,6 +17,11 @@
 // names, N = 2 for history identifiers ("N foo": priority letter and a
 // blank). Each N has its own cache, keyed by the whole string.
 //
+// Limits: the standard engine recurses per term and per character, so an
+// expression of more than 1,024 bytes is refused as too complex and a name
+// of more than 4,096 bytes matches nothing (a 64 KiB one overflowed the
+// stack).
+//
 // States: built once from an expression, valid or not, and never recompiled;
 // the caches only grow. An invalid expression matches nothing, and its
 // compile error is written once to standard error at construction.
@@ -42,6 +47,13 @@ public:
   // any value beyond `notMatched` is corruption.
   enum class Match : U8 { unknown = 0, matched = 1, notMatched = 2 };
   using MatchCache = std::unordered_map<String, Match>;
+
+  // The standard engine recurses per term of an expression and per
+  // character of a name; these bounds keep both far inside a thread's stack.
+  // A longer expression is invalid ("too complex"); a longer name matches
+  // nothing.
+  static constexpr U32 maxExpressionLength = 1024;
+  static constexpr U32 maxNameLength = 4096;
 
   explicit TaskNameRegex(const String& expression);
 

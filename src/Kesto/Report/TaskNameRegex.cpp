@@ -20,6 +20,12 @@ TaskNameRegex::TaskNameRegex(const String& expr) : expression(expr) {
 
 std::tuple<std::regex, String, bool> TaskNameRegex::initFromExpression(const String& expr) {
   try {
+    // The standard library's compiler recurses once per term: a 64 KiB
+    // expression overflowed the 8 MiB stack of the main thread. Anything
+    // longer than an operator would type is refused as too complex, with
+    // the engine's own words for that.
+    if (expr.size() > maxExpressionLength)
+      throw std::regex_error(std::regex_constants::error_complexity);
     return {std::regex(expr.begin(), expr.end(), grammar), String(), true};
   } catch (const std::regex_error& e) {
     // One line for the operator, whole or not at all: the report that follows
@@ -60,6 +66,13 @@ bool TaskNameRegex::match(const String& name) const {
     break;
   default:
     KESTO_FAIL(className, "unexpected regexMatch");
+  }
+  // The engine's matcher recurses once per character: a 64 KiB name
+  // overflowed the 8 MiB stack. No filter selects a name longer than that
+  // limit, so a task cannot crash the report by its name.
+  if (name.size() > maxNameLength) {
+    cached = Match::notMatched;
+    return false;
   }
   const char* first = name.begin() + std::min<U32>(N, name.size());
   ++engineRuns_;
