@@ -328,3 +328,32 @@ TEST(TaskTimerControl, ATaskHeldBeyondItsControlRunsAsANoOp) {
 }
 
 } // namespace
+
+// What a careless caller might give the task-backed timer: the timer task's
+// own checks answer, and the control keeps what it had.
+TEST(TaskTimerControl, HostileDelaysAreRefusedOrTakenWithoutHarm) {
+  TaskBackend backend;
+  TestTimeoutHandler handler;
+  Ptr<Platform::TimerControl> timer = backend.timer(&handler);
+  Platform::TaskTimerControl::TaskWrap& task = taskOf(timer);
+  timer->setTimeout(5.0);
+  const double before = timer->remainingTimeout();
+  // Not a number: the timer task's assertion, and the armed timer stays.
+  EXPECT_NE(std::string::npos,
+            assertText([&] { timer->setTimeout(std::numeric_limits<double>::quiet_NaN()); })
+                .find("Delay is not a number"));
+  EXPECT_TRUE(task.timerRunning());
+  EXPECT_LE(timer->remainingTimeout(), before);
+  // A negative delay is due now.
+  timer->setTimeout(-1.0);
+  Platform::doEventLoop(0.0);
+  Platform::doEventLoop(0.0);
+  EXPECT_EQ(1, handler.timeouts);
+  // A huge finite delay arms and can be withdrawn.
+  timer->setTimeout(1e300);
+  EXPECT_TRUE(task.timerRunning());
+  EXPECT_GT(timer->remainingTimeout(), 1e6);
+  timer->delTimeout();
+  EXPECT_EQ(inf, timer->remainingTimeout());
+  EXPECT_EQ(1, handler.timeouts);
+}
