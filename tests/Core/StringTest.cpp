@@ -402,3 +402,43 @@ TEST(String, FormatsThroughTheSharedWriter) {
   EXPECT_EQ(fmt::to_string(out), text23);
   EXPECT_EQ(fmt::format("{:>25}", String(text23)), "  " + text23);
 }
+
+TEST(String, ClearKeepingCapacityReusesTheBufferOfTheOrdinaryForm) {
+  String s;
+  for (int i = 0; i < 100; ++i)
+    s.addRight("a line of a report that is long enough\n");
+  ASSERT_TRUE(s.isOrdinary());
+  const char* buffer = s.data();
+  const U32 capacity = s.capacity();
+  ASSERT_GE(capacity, s.size());
+  s.clearKeepingCapacity();
+  EXPECT_TRUE(s.empty());
+  EXPECT_STREQ("", s.data());
+  EXPECT_EQ(capacity, s.capacity());
+  // Refilled up to the old size: same buffer, same bytes as a fresh string.
+  String fresh;
+  for (int i = 0; i < 100; ++i) {
+    s.addRight("another line, of a different length\n");
+    fresh.addRight("another line, of a different length\n");
+  }
+  EXPECT_EQ(buffer, s.data());
+  EXPECT_EQ(fresh, s);
+  // A copy of the emptied string holds no heap buffer.
+  s.clearKeepingCapacity();
+  const String copy(s);
+  EXPECT_TRUE(copy.isShort());
+  EXPECT_TRUE(copy.empty());
+}
+
+TEST(String, ClearKeepingCapacityOfShortAndDedupFormsIsTheEmptyShortString) {
+  String shortOne("short");
+  shortOne.clearKeepingCapacity();
+  EXPECT_TRUE(shortOne.isShort());
+  EXPECT_TRUE(shortOne.empty());
+  String interned = String::dedup(std::string(40, 'd'));
+  ASSERT_TRUE(interned.isDedup());
+  interned.clearKeepingCapacity();
+  EXPECT_TRUE(interned.isShort());
+  EXPECT_TRUE(interned.empty());
+  EXPECT_EQ(std::string(40, 'd'), String::dedup(std::string(40, 'd')).view()); // the table entry is untouched
+}

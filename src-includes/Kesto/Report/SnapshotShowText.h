@@ -12,7 +12,8 @@
 // the columns of the top table.
 //
 // Allocation: formatting goes straight into `output`, which grows until the
-// show hands it to a write and is emptied by dataHasBeenWritten().
+// show hands it to a write and is emptied by dataHasBeenWritten(), which
+// keeps its buffer for the next slice.
 #pragma once
 
 #include <Kesto/Common/Export.h>
@@ -42,7 +43,8 @@ public:
   void historyEventDisplay(const SchedulerDisplayContext& ctx, const TaskSchedulerHistory::Event& event) override;
   void finished() override;
   std::string_view getData() override { return output.view(); }
-  void dataHasBeenWritten() override { output.clear(); }
+  // Keeps the buffer: the next slice refills it without allocating.
+  void dataHasBeenWritten() override { output.clearKeepingCapacity(); }
 
   // Sums the per-priority figures of `snapshot` and everything nested
   // under it into `stats`.

@@ -142,6 +142,20 @@ public:
     freeHeap();
     setShortSize(0);
   }
+  // Empties the string but keeps the heap buffer of the ordinary form, so
+  // that a buffer filled and drained over and over (a report's output
+  // between writes) is allocated once, not once per fill. The other forms
+  // have no buffer of their own and become the empty short string.
+  void clearKeepingCapacity() noexcept {
+    if (!isOrdinary()) {
+      setShortSize(0);
+      return;
+    }
+    ownedData()[0] = '\0';
+    setHeap(heapData(), 0, heapCapacity(), Form::ordinaryForm);
+  }
+  // Bytes the string can hold without allocating.
+  U32 capacity() const noexcept { return isOrdinary() ? heapCapacity() : isShort() ? shortCapacity : size(); }
 
   friend bool operator==(const String& a, const String& b) noexcept {
     // Two deduplicated strings are equal exactly when they share storage.
