@@ -6,6 +6,10 @@
 #   make test SANITIZE=address,undefined
 #                             the same suite under the sanitizers
 #   make bench                build and run the benchmarks
+#   make soak [SOAK_SECONDS=600]
+#                             the example agent in real time with a report
+#                             every second to a slow reader; fails if its
+#                             resident memory or descriptor count grows
 #   make fuzz [FUZZ_SECONDS=60]
 #                             build the fuzz targets with clang and run each
 #                             for FUZZ_SECONDS under the sanitizers
@@ -33,7 +37,7 @@ FUZZ_PACKAGES := clang-14 libfuzzer-14-dev
 FUZZ_SECONDS ?= 60
 FUZZ_DIR ?= build-fuzz
 
-.PHONY: all deps fuzz-deps configure build test demo bench fuzz install clean
+.PHONY: all deps fuzz-deps configure build test demo bench soak fuzz install clean
 
 all: build
 
@@ -78,6 +82,12 @@ demo: configure
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+# Ten minutes of real time by default: not part of `make test`.
+SOAK_SECONDS ?= 600
+soak: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target soak_agent
+	SOAK_SECONDS=$(SOAK_SECONDS) $(BUILD_DIR)/examples/soak_agent
 
 fuzz: fuzz-deps
 	cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
