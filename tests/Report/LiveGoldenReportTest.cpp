@@ -122,14 +122,6 @@ std::string placeholderAddresses(const std::string& text, bool numbered) {
   return out;
 }
 
-void expectGolden(const std::string& actual, const char* file) {
-  const std::string expected = readFile(goldenPath(file));
-  if (actual != expected) {
-    std::ofstream(std::string("actual-") + file, std::ios::binary) << actual;
-    ADD_FAILURE() << "report differs from golden/" << file << "; actual written to actual-" << file;
-  }
-}
-
 // The live scheduler of the golden reports, built in phases; each phase is
 // driven until the scheduler is idle again.
 class LiveScenario {

@@ -166,6 +166,17 @@ inline std::string readFile(const std::filesystem::path& p) {
   return s.str();
 }
 
+// Compares with the reference file golden/<file>; on a difference leaves the
+// actual text as actual-<file> in the working directory for a reviewer to
+// diff, and fails.
+inline void expectGolden(const std::string& actual, const char* file) {
+  const std::string expected = readFile(goldenPath(file));
+  if (actual != expected) {
+    std::ofstream(std::string("actual-") + file, std::ios::binary) << actual;
+    ADD_FAILURE() << "report differs from golden/" << file << "; actual written to actual-" << file;
+  }
+}
+
 inline std::string renderText(SnapshotPtr s, bool hierarchical, bool addresses) {
   Ptr<SnapshotShowText> show(new SnapshotShowText(std::move(s), hierarchical, addresses));
   return show->renderToStringWithoutYielding().str();

@@ -30,16 +30,6 @@ std::vector<std::string> lines(const std::string& text) {
   return out;
 }
 
-// Compares with the reference file; on a difference leaves the actual text
-// beside the build for a reviewer to diff.
-void expectGolden(const std::string& actual, const char* file) {
-  const std::string expected = readFile(goldenPath(file));
-  if (actual != expected) {
-    std::ofstream(std::string("actual-") + file, std::ios::binary) << actual;
-    ADD_FAILURE() << "report differs from golden/" << file << "; actual written to actual-" << file;
-  }
-}
-
 std::string lineStartingWith(const std::string& text, const std::string& prefix) {
   for (const std::string& l : lines(text))
     if (l.rfind(prefix, 0) == 0)
