@@ -16,7 +16,8 @@
 // holds). At the end it prints the table and fails if the resident set grew
 // by more than 5 % over its value at the end of the warm-up (the first
 // minute, or the first half of a run shorter than two minutes) or if the descriptor count ever
-// differed from its first value.
+// differed from its first value. Each sample's row is printed as it is
+// taken, the verdict at the end.
 //
 //   SOAK_SECONDS=600 SOAK_SAMPLE_SECONDS=10 soak_agent      (the defaults)
 #include <Kesto/EventKesto.h>
@@ -352,10 +353,15 @@ public:
   SOAK_TASK_DELETE
 
   const std::vector<Sample>& samples() const { return samples_; }
+  // Takes a sample and prints its row at once, so that a long run shows
+  // its progress.
   void take() {
     samples_.push_back({Kesto::time() - start_, residentKiB(),
                         openDescriptors() - (reporter_->inFlight() ? 1 : 0), reporter_->completed(),
                         reader_->bytes()});
+    const Sample& s = samples_.back();
+    fmt::print("{:>8.1f} {:>10d} {:>5d} {:>8d} {:>12d}\n", s.at, s.rssKiB, s.fds, s.reports, s.bytesRead);
+    std::fflush(stdout);
   }
 
   void taskExecute() override {
@@ -414,6 +420,7 @@ int main() {
   fmt::print("soak_agent: {} s of real time, a report every second to a reader of 8 KiB per 100 ms, "
              "a sample every {} s\n",
              seconds, period);
+  fmt::print("{:>8s} {:>10s} {:>5s} {:>8s} {:>12s}\n", "seconds", "VmRSS-KiB", "fds", "reports", "bytes-read");
   std::fflush(stdout);
   feed->scheduleTask();
   heartbeat->scheduleTask();
@@ -442,9 +449,6 @@ int main() {
   reader.stop();
 
   const std::vector<Sample>& samples = sampler->samples();
-  fmt::print("{:>8s} {:>10s} {:>5s} {:>8s} {:>12s}\n", "seconds", "VmRSS-KiB", "fds", "reports", "bytes-read");
-  for (const Sample& s : samples)
-    fmt::print("{:>8.1f} {:>10d} {:>5d} {:>8d} {:>12d}\n", s.at, s.rssKiB, s.fds, s.reports, s.bytesRead);
 
   const Sample* base = nullptr;
   for (const Sample& s : samples)
