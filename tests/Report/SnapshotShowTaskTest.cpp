@@ -55,6 +55,8 @@ std::size_t writeCalls = 0;
 // Where each write() on the watched descriptor started and how much it was
 // asked to write.
 std::vector<std::pair<const char*, std::size_t>> writeArgs;
+// What each of the planned writes that reached the system returned.
+std::vector<ssize_t> writeReturns;
 int closesOfFaultFd = 0;
 
 // Random faults: when set, every write() on the watched descriptor draws its
@@ -117,6 +119,9 @@ extern "C" ssize_t write(int fd, const void* buf, size_t n) {
       if (f.kind == Fault::shortWrite)
         n = std::min(n, f.max);
     }
+    const ssize_t written = syscall(SYS_write, fd, buf, n);
+    writeReturns.push_back(written);
+    return written;
   }
   return syscall(SYS_write, fd, buf, n);
 }
@@ -192,6 +197,7 @@ protected:
     faults.clear();
     writeCalls = 0;
     writeArgs.clear();
+    writeReturns.clear();
     closesOfFaultFd = 0;
   }
 
@@ -641,4 +647,67 @@ TEST_F(ShowTaskTest, RandomWriteFaultsOverThousandsOfReportsExactOrCleanlyCut) {
   EXPECT_GT(cutByReader, 50u);
   std::printf("random write faults, seed %llu: %u reports exact, %u cut by EPIPE, %u by the reader leaving\n",
               static_cast<unsigned long long>(seed), exact, cutByInjected, cutByReader);
+}
+
+// While its quantum lasts a slice gathers lines and hands its buffer to
+// write() only when 64 KiB are waiting. The task clock stands still here,
+// so the quantum never runs out and the sizes are exact: every handover but
+// the last is 64 KiB plus less than one line, the last is the remainder,
+// and together they are the report, byte for byte. A handover is the first
+// write() of a buffer; what follows a short write or an EAGAIN is the rest
+// of the same handover.
+TEST(ShowTaskGather, SliceWithTimeLeftHandsOverIn64KiBPieces) {
+  std::signal(SIGPIPE, SIG_IGN);
+  KestoTest::ManualClock clock;
+  Ptr<TaskSchedulerRoot> root = TaskSchedulerRoot::TaskSchedulerRootIs("gather");
+  Pipe p;
+  writeArgs.clear();
+  writeReturns.clear();
+  closesOfFaultFd = 0;
+  faultFd = p.writer;
+  const SnapshotPtr snap = bigSnapshot(3000);
+  const std::string expected = renderText(snap, false, false);
+  bool done = false;
+  root->snapshotRenderTextAsync(p.writer, {snap}, false, false, [&] { done = true; });
+  for (int i = 0; i < 100000 && !done; ++i) {
+    Platform::doEventLoop(0.0);
+    p.drain();
+  }
+  p.drain();
+  faultFd = -1;
+  ASSERT_TRUE(done);
+  EXPECT_TRUE(expected == p.received);
+  EXPECT_EQ(1, closesOfFaultFd);
+  ASSERT_EQ(writeArgs.size(), writeReturns.size());
+
+  std::vector<std::size_t> handovers;
+  std::size_t remaining = 0;
+  for (std::size_t i = 0; i < writeArgs.size(); ++i) {
+    if (remaining == 0) {
+      handovers.push_back(writeArgs[i].second);
+      remaining = writeArgs[i].second;
+    } else {
+      EXPECT_EQ(remaining, writeArgs[i].second); // the rest of the same buffer, nothing added
+    }
+    if (writeReturns[i] > 0)
+      remaining -= std::size_t(writeReturns[i]);
+  }
+  EXPECT_EQ(0u, remaining);
+  const std::size_t limit = 64 * 1024;
+  const std::size_t longestLine = 200;
+  EXPECT_GE(handovers.size(), expected.size() / (limit + longestLine) + 1) << "with " << expected.size() << " bytes";
+  EXPECT_LE(handovers.size(), expected.size() / limit + 1) << "with " << expected.size() << " bytes";
+  EXPECT_LT(handovers.back(), limit + longestLine);
+  std::size_t total = 0;
+  for (std::size_t i = 0; i < handovers.size(); ++i) {
+    total += handovers[i];
+    if (i + 1 < handovers.size()) {
+      EXPECT_GE(handovers[i], limit);
+      EXPECT_LT(handovers[i], limit + longestLine);
+    }
+  }
+  EXPECT_EQ(expected.size(), total);
+  writeArgs.clear();
+  writeReturns.clear();
+  closesOfFaultFd = 0;
 }

@@ -5,6 +5,8 @@
 
 #include <Kesto/Report/SnapshotShowText.h>
 
+#include <KestoSupport/MallocCounter.h>
+
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -269,4 +271,28 @@ TEST(SnapshotShowText, MaxMsTruncatesWhereJsonRounds) {
   const std::string text = renderText(flatSnapshot({t}), false, false);
   const std::string line = lineStartingWith(text, "m ");
   EXPECT_EQ(fmt::format(" {:>4d} {:>4d} {:>5d}", 0, 0, 1000), line.substr(51, 16));
+}
+
+// Between two writes the renderer keeps its buffer: once a slice has grown
+// it, the next slices refill the same memory and allocate nothing.
+TEST(SnapshotShowText, DataHasBeenWrittenKeepsTheBufferForTheNextSlice) {
+  Ptr<SnapshotShowText> show(new SnapshotShowText(share(goldenTree()), false, false));
+  const SnapshotShow::SchedulerDisplayContext& ctx = show->stack().back();
+  const TaskStat line = stat({"a-task-of-a-report", TaskPriority::normal, 12, 3456789, 0x1000});
+  auto slice = [&] {
+    for (int i = 0; i < 40; ++i)
+      show->taskDisplay(ctx, line, false);
+  };
+  slice(); // grows the buffer to about 4 KiB
+  const std::string first(show->getData());
+  const char* buffer = show->getData().data();
+  show->dataHasBeenWritten();
+  EXPECT_TRUE(show->getData().empty());
+  const unsigned long before = KestoSupport::mallocCalls();
+  slice();
+  const unsigned long allocations = KestoSupport::mallocCalls() - before;
+  EXPECT_EQ(first, show->getData());
+  EXPECT_EQ(buffer, show->getData().data());
+  if (KestoSupport::mallocCountingWorks())
+    EXPECT_EQ(0u, allocations);
 }
