@@ -20,10 +20,10 @@ constexpr std::size_t smallWriteLimit = 768;
 
 // Between the two limits a slice gathers lines while its quantum lasts and
 // writes them when it runs out or when this much is waiting, whichever comes
-// first. A write() to a socket with a reader on the other core costs about
-// 5 us whatever its size up to the socket buffer; at 768 bytes that was 16,000
-// writes and more CPU than the formatting for a 12 MB report, at 64 KiB it is
-// about 200. A slow reader still gets each slice's output at the slice's end.
+// first. Each write() costs a few microseconds on top of copying its bytes:
+// at 768 bytes a 12 MB report took 16,000 of them and, with the buffer
+// regrown after each, about half of its CPU; at 64 KiB it takes about 200.
+// A slow reader still gets each slice's output at the end of the slice.
 constexpr std::size_t gatherLimit = 64 * 1024;
 
 String showTaskName(int fd) { return String(fmt::format("{}-fd:{}", "TaskSchedulerShow", fd)); }
