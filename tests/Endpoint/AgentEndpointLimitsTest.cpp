@@ -1,0 +1,156 @@
+// What the endpoint does with clients that overstep: too long a line, no
+// line at all, too many at once, another user, a reader that stops reading.
+#include "EndpointTestSupport.h"
+
+#include <sys/wait.h>
+
+#include <memory>
+#include <vector>
+
+using namespace Kesto;
+using namespace EndpointTest;
+
+namespace {
+
+class AgentEndpointLimits : public ::testing::Test {
+protected:
+  void start(AgentEndpoint::Options options) {
+    root = schedulerRootKestoNonShared("limitsRoot");
+    options.name = uniqueName("limits");
+    endpoint = AgentEndpoint::start(root, std::move(options));
+  }
+  void TearDown() override {
+    if (endpoint)
+      endpoint->stop();
+    if (root)
+      driveUntil([&] { return root->snapshotShowCount() == 0; });
+  }
+
+  Ptr<TaskSchedulerRoot> root;
+  Ptr<AgentEndpoint> endpoint;
+};
+
+} // namespace
+
+TEST_F(AgentEndpointLimits, CommandOfTheMaximumLengthIsRead) {
+  start({});
+  const std::string longest(4096, 'x');
+  EXPECT_EQ("error: unknown command: " + longest.substr(0, 80) + "\n", ask(endpoint->address(), longest + "\n"));
+  EXPECT_EQ(0u, endpoint->counters().overlong);
+}
+
+TEST_F(AgentEndpointLimits, CommandOneByteLongerThanTheMaximumIsRefused) {
+  start({});
+  Client c(endpoint->address());
+  c.send(std::string(4097, 'x') + "\n");
+  ASSERT_TRUE(driveUntil([&] { return c.pump(); }));
+  EXPECT_EQ("error: command longer than 4096 bytes\n", c.received());
+  // The rest of the line was taken off the socket before it was closed, so
+  // the client saw a clean end of file and not a reset.
+  EXPECT_EQ(0, c.readErrno());
+  EXPECT_EQ(1u, endpoint->counters().overlong);
+  // The agent goes on.
+  EXPECT_EQ("stats reset\n", ask(endpoint->address(), "reset stats\n"));
+}
+
+TEST_F(AgentEndpointLimits, LongerLineWithoutNewlineIsRefusedAsSoonAsItOverflows) {
+  start({.maxCommandLength = 16});
+  Client c(endpoint->address());
+  c.send(std::string(17, 'y'));
+  ASSERT_TRUE(driveUntil([&] { return c.pump(); }));
+  EXPECT_EQ("error: command longer than 16 bytes\n", c.received());
+}
+
+TEST_F(AgentEndpointLimits, SilentClientIsAnsweredAndClosedAfterTheIdleTimeout) {
+  start({.idleTimeout = 0.05});
+  Client silent(endpoint->address());
+  Client talker(endpoint->address());
+  talker.send("help\n");
+  ASSERT_TRUE(driveUntil([&] { return talker.pump(); }));
+  EXPECT_FALSE(silent.pump()) << "the silent client was closed before its time";
+  ASSERT_TRUE(driveUntil([&] { return silent.pump(); }));
+  EXPECT_EQ("error: no command within 0.05 s\n", silent.received());
+  EXPECT_EQ(1u, endpoint->counters().timedOut);
+  EXPECT_EQ(0u, endpoint->clientCount());
+}
+
+TEST_F(AgentEndpointLimits, DefaultIdleTimeoutIsWrittenInWholeSeconds) {
+  start({});
+  EXPECT_EQ(5.0, endpoint->options().idleTimeout);
+  EXPECT_EQ(16u, endpoint->options().maxClients);
+  EXPECT_EQ(4096u, endpoint->options().maxCommandLength);
+  EXPECT_EQ(TaskPriority::low, TaskPriority::Value(endpoint->options().priority));
+}
+
+TEST_F(AgentEndpointLimits, ClientBeyondTheBoundIsTurnedAwayAndTheOthersAreServed) {
+  start({.maxClients = 2});
+  Client a(endpoint->address());
+  Client b(endpoint->address());
+  ASSERT_TRUE(driveUntil([&] { return endpoint->clientCount() == 2; }));
+  Client c(endpoint->address());
+  c.send("help\n");
+  ASSERT_TRUE(driveUntil([&] { return c.pump(); }));
+  EXPECT_EQ("error: too many clients (2)\n", c.received());
+  EXPECT_EQ(0, c.readErrno());
+  EXPECT_EQ(1u, endpoint->counters().refusedBusy);
+  a.send("help\n");
+  b.send("help\n");
+  ASSERT_TRUE(driveUntil([&] { return a.pump() && b.pump(); }));
+  EXPECT_EQ(0u, a.received().find("show agent task scheduler"));
+  EXPECT_EQ(0u, b.received().find("show agent task scheduler"));
+  // With the slots free again, the next client is served.
+  EXPECT_EQ(0u, ask(endpoint->address(), "help\n").find("show agent task scheduler"));
+}
+
+TEST_F(AgentEndpointLimits, ClientOfAnotherUserIsRefusedAndTheRefusalTraced) {
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "needs root to run a client as uid 65534";
+  start({});
+  int pipeFds[2];
+  ASSERT_EQ(0, ::pipe(pipeFds));
+  const std::string address(endpoint->address().view());
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // The child uses plain system calls only and ends with _exit.
+    ::close(pipeFds[0]);
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+      ::_exit(2);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::memcpy(a.sun_path + 1, address.data(), address.size());
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&a), socklen_t(offsetof(sockaddr_un, sun_path) + 1 + address.size())) != 0)
+      ::_exit(3);
+    (void)::write(fd, "help\n", 5);
+    char buffer[256];
+    ssize_t n;
+    while ((n = ::read(fd, buffer, sizeof(buffer))) > 0)
+      (void)::write(pipeFds[1], buffer, std::size_t(n));
+    ::_exit(n == 0 ? 0 : 4);
+  }
+  ::close(pipeFds[1]);
+  ::fcntl(pipeFds[0], F_SETFL, O_NONBLOCK);
+  std::string answer;
+  int status = -1;
+  // Level 1 of "KestoAgentEndpoint" is on from the start-up wildcard
+  // "Kesto*/01"; its lines go to standard error.
+  ::testing::internal::CaptureStderr();
+  const bool ended = driveUntil([&] {
+    char buffer[256];
+    ssize_t n;
+    while ((n = ::read(pipeFds[0], buffer, sizeof(buffer))) > 0)
+      answer.append(buffer, std::size_t(n));
+    return n == 0 && ::waitpid(child, &status, WNOHANG) == child;
+  });
+  const std::string traced = ::testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(ended);
+  EXPECT_NE(std::string::npos, traced.find("KestoAgentEndpoint 1 Kesto::AgentEndpoint::accepted() access refused for uid 65534 (pid " + std::to_string(child) + ")")) << traced;
+  ::close(pipeFds[0]);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ("error: access refused for uid 65534\n", answer);
+  EXPECT_EQ(1u, endpoint->counters().refusedAccess);
+  EXPECT_EQ(0u, endpoint->counters().accepted);
+  // The agent's own user is still served.
+  EXPECT_EQ(0u, ask(endpoint->address(), "help\n").find("show agent task scheduler"));
+}
