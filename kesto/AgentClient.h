@@ -16,10 +16,12 @@
 
 namespace Kesto::Cmd {
 
-// An endpoint answers a show in one pass of its tasks, at low priority on a
-// busy thread: a report of 10000 tasks, about 2 MB of text, took well under
-// a second there. Ten seconds without a single byte means the agent is
-// stopped or stuck, and the operator is better told so than left waiting.
+// The demo agent's whole report (18 KB of text, 35 KB of JSON) comes back in
+// 3 to 4 ms (median of 21 requests, on 2 cores at a load average of 20),
+// and a report is written by a task that yields at each quantum, so bytes
+// keep coming even from a busy agent. Ten seconds without a single byte
+// means the agent is stopped or stuck, and the operator is better told so
+// than left waiting.
 inline constexpr double answerTimeout = 10.0;
 
 // Set by a signal handler to end the request under way (watch's SIGINT).
