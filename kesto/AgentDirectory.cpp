@@ -14,9 +14,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 namespace Kesto::Cmd {
 
