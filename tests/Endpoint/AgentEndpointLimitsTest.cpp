@@ -2,6 +2,10 @@
 // line at all, too many at once, another user, a reader that stops reading.
 #include "EndpointTestSupport.h"
 
+#include <Kesto/Debug/DebugHandler.h>
+
+#include <fmt/format.h>
+
 #include <sys/wait.h>
 
 #include <memory>
@@ -153,4 +157,51 @@ TEST_F(AgentEndpointLimits, ClientOfAnotherUserIsRefusedAndTheRefusalTraced) {
   EXPECT_EQ(0u, endpoint->counters().accepted);
   // The agent's own user is still served.
   EXPECT_EQ(0u, ask(endpoint->address(), "help\n").find("show agent task scheduler"));
+}
+
+namespace {
+
+// Ten thousand trace controls, for a debug map of some 600 KB: three times
+// what a unix socket buffers. Cleared again at the end of the scope, with
+// the level 2 that the tests' trace command adds to the first of them.
+struct BulkControls {
+  BulkControls() {
+    for (int i = 0; i < 10000; ++i)
+      spec += fmt::format("EndpointBulkControl{:05}_with_a_name_to_make_it_longer/1,", i);
+    Platform::setupKestoDebug(spec.c_str());
+  }
+  ~BulkControls() {
+    Platform::clearKestoDebug(spec.c_str());
+    Platform::clearKestoDebug("EndpointBulkControl00000_with_a_name_to_make_it_longer/2");
+  }
+  std::string spec;
+};
+
+} // namespace
+
+TEST_F(AgentEndpointLimits, ClientThatTakesNothingOfAnAnswerLongerThanItsSocketIsDropped) {
+  const BulkControls bulk;
+  const std::size_t mapSize = Platform::kestoDebugMapText().size();
+  start({.idleTimeout = 0.05});
+  Client c(endpoint->address());
+  c.send("trace EndpointBulkControl00000_with_a_name_to_make_it_longer/2\n");
+  ASSERT_TRUE(driveUntil([&] { return endpoint->counters().accepted == 1 && endpoint->clientCount() == 0; }));
+  EXPECT_EQ(1u, endpoint->counters().stalled);
+  ASSERT_TRUE(driveUntil([&] { return c.pump(); }));
+  EXPECT_EQ(0, c.readErrno());
+  EXPECT_GT(c.received().size(), 0u);
+  EXPECT_LT(c.received().size(), mapSize);
+}
+
+TEST_F(AgentEndpointLimits, BulkControlsOfTheLongAnswerTestsAreGoneAfterThem) {
+  { const BulkControls bulk; }
+  EXPECT_EQ(std::string::npos, std::string(Platform::kestoDebugMapText().view()).find("EndpointBulkControl"));
+}
+
+TEST_F(AgentEndpointLimits, ClientThatReadsALongAnswerGetsAllOfIt) {
+  const BulkControls bulk;
+  start({});
+  const std::string answer = ask(endpoint->address(), "trace EndpointBulkControl00000_with_a_name_to_make_it_longer/2\n");
+  EXPECT_EQ(std::string(Platform::kestoDebugMapText().view()), answer);
+  EXPECT_GT(answer.size(), 500000u);
 }
