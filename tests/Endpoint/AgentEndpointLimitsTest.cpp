@@ -167,14 +167,14 @@ namespace {
 struct BulkControls {
   BulkControls() {
     for (int i = 0; i < 10000; ++i)
-      spec += fmt::format("EndpointBulkControl{:05}_with_a_name_to_make_it_longer/1,", i);
-    Platform::setupKestoDebug(spec.c_str());
+      items += fmt::format("EndpointBulkControl{:05}_with_a_name_to_make_it_longer/1,", i);
+    Platform::setupKestoDebug(items.c_str());
   }
   ~BulkControls() {
-    Platform::clearKestoDebug(spec.c_str());
+    Platform::clearKestoDebug(items.c_str());
     Platform::clearKestoDebug("EndpointBulkControl00000_with_a_name_to_make_it_longer/2");
   }
-  std::string spec;
+  std::string items;
 };
 
 } // namespace

@@ -398,15 +398,15 @@ private:
     }
     if (words[0] == "trace") {
       const bool clear = words.size() >= 2 && words[1] == "clear";
-      const std::string spec(restAfter(line, clear ? 2 : 1));
-      if (spec.empty()) {
-        answer(clear ? "error: trace clear needs a specification\n" : "error: trace needs a specification\n");
+      const std::string items(restAfter(line, clear ? 2 : 1));
+      if (items.empty()) {
+        answer(clear ? "error: trace clear needs NAME/LEVELS\n" : "error: trace needs NAME/LEVELS\n");
         return;
       }
       if (clear)
-        Platform::clearKestoDebug(spec.c_str());
+        Platform::clearKestoDebug(items.c_str());
       else
-        Platform::setupKestoDebug(spec.c_str());
+        Platform::setupKestoDebug(items.c_str());
       const String map = Platform::kestoDebugMapText();
       answer(std::string(map.view()));
       return;
