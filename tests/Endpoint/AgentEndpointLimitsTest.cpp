@@ -6,7 +6,10 @@
 
 #include <fmt/format.h>
 
+#include <sys/resource.h>
 #include <sys/wait.h>
+
+#include <chrono>
 
 #include <memory>
 #include <vector>
@@ -204,4 +207,62 @@ TEST_F(AgentEndpointLimits, ClientThatReadsALongAnswerGetsAllOfIt) {
   const std::string answer = ask(endpoint->address(), "trace EndpointBulkControl00000_with_a_name_to_make_it_longer/2\n");
   EXPECT_EQ(std::string(Platform::kestoDebugMapText().view()), answer);
   EXPECT_GT(answer.size(), 500000u);
+}
+
+TEST_F(AgentEndpointLimits, ListenerAndClientTasksRunAtTheChosenPriority) {
+  start({.priority = TaskPriority::high});
+  const String listenerName(fmt::format("AgentEndpoint-{}:read", endpoint->options().name.view()));
+  Ptr<TaskImpl> listener = root->taskForTest(listenerName);
+  ASSERT_TRUE(listener);
+  EXPECT_EQ(TaskPriority::high, TaskPriority::Value(listener->taskPriority()));
+  Client c(endpoint->address());
+  ASSERT_TRUE(driveUntil([&] { return endpoint->clientCount() == 1; }));
+  // The client's read task, and the timer that guards it.
+  unsigned clientTasks = 0;
+  for (const char* prefix : {"AgentEndpointClient-fd:", "AgentEndpointClientTimer-fd:"}) {
+    for (int fd = 0; fd < 1024; ++fd) {
+      const std::string suffix = std::string(prefix).find("Timer") == std::string::npos ? ":read" : "";
+      Ptr<TaskImpl> task = root->taskForTest(String(prefix + std::to_string(fd) + suffix));
+      if (!task)
+        continue;
+      ++clientTasks;
+      EXPECT_EQ(TaskPriority::high, TaskPriority::Value(task->taskPriority())) << prefix << fd;
+    }
+  }
+  EXPECT_EQ(2u, clientTasks);
+}
+
+TEST_F(AgentEndpointLimits, ListenerOutOfDescriptorsPausesInsteadOfSpinning) {
+  start({});
+  const String listenerName(fmt::format("AgentEndpoint-{}:read", endpoint->options().name.view()));
+  Ptr<TaskImpl> listener = root->taskForTest(listenerName);
+  ASSERT_TRUE(listener);
+  Client c(endpoint->address());
+  c.send("help\n");
+  // The capture's file is opened first: no descriptor number is free once
+  // the limit is lowered, and accept4 fails with EMFILE.
+  ::testing::internal::CaptureStderr();
+  rlimit saved{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &saved));
+  const int lowestFree = ::dup(0);
+  ASSERT_GE(lowestFree, 0);
+  ::close(lowestFree);
+  rlimit tight = saved;
+  tight.rlim_cur = rlim_t(lowestFree);
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &tight));
+  const U64 runsBefore = listener->taskRunCount();
+  // 50 ms of loop: a listener queued again by the level-triggered event at
+  // every pass would run thousands of times.
+  const auto start = std::chrono::steady_clock::now();
+  driveUntil([&] { return std::chrono::steady_clock::now() - start > std::chrono::milliseconds(50); });
+  const U64 runsWhilePaused = listener->taskRunCount() - runsBefore;
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &saved));
+  const std::string traced = ::testing::internal::GetCapturedStderr();
+  EXPECT_GE(runsWhilePaused, 1u);
+  EXPECT_LE(runsWhilePaused, 2u);
+  EXPECT_NE(std::string::npos, traced.find("failed: Too many open files, pausing 100 ms")) << traced;
+  EXPECT_EQ(0u, endpoint->counters().accepted);
+  // With descriptors again, the waiting client is served after the pause.
+  ASSERT_TRUE(driveUntil([&] { return c.pump(); }));
+  EXPECT_EQ(0u, c.received().find("show agent task scheduler"));
 }
