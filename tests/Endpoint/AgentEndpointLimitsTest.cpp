@@ -127,7 +127,8 @@ TEST_F(AgentEndpointLimits, ClientOfAnotherUserIsRefusedAndTheRefusalTraced) {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
     std::memcpy(a.sun_path + 1, address.data(), address.size());
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&a), socklen_t(offsetof(sockaddr_un, sun_path) + 1 + address.size())) != 0)
+    const socklen_t length = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + address.size());
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&a), length) != 0)
       ::_exit(3);
     (void)::write(fd, "help\n", 5);
     char buffer[256];
@@ -152,7 +153,9 @@ TEST_F(AgentEndpointLimits, ClientOfAnotherUserIsRefusedAndTheRefusalTraced) {
   });
   const std::string traced = ::testing::internal::GetCapturedStderr();
   ASSERT_TRUE(ended);
-  EXPECT_NE(std::string::npos, traced.find("KestoAgentEndpoint 1 Kesto::AgentEndpoint::accepted() access refused for uid 65534 (pid " + std::to_string(child) + ")")) << traced;
+  const std::string refusal = "KestoAgentEndpoint 1 Kesto::AgentEndpoint::accepted() "
+                              "access refused for uid 65534 (pid " + std::to_string(child) + ")";
+  EXPECT_NE(std::string::npos, traced.find(refusal)) << traced;
   ::close(pipeFds[0]);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_EQ("error: access refused for uid 65534\n", answer);
@@ -204,7 +207,8 @@ TEST_F(AgentEndpointLimits, BulkControlsOfTheLongAnswerTestsAreGoneAfterThem) {
 TEST_F(AgentEndpointLimits, ClientThatReadsALongAnswerGetsAllOfIt) {
   const BulkControls bulk;
   start({});
-  const std::string answer = ask(endpoint->address(), "trace EndpointBulkControl00000_with_a_name_to_make_it_longer/2\n");
+  const std::string answer =
+      ask(endpoint->address(), "trace EndpointBulkControl00000_with_a_name_to_make_it_longer/2\n");
   EXPECT_EQ(std::string(Platform::kestoDebugMapText().view()), answer);
   EXPECT_GT(answer.size(), 500000u);
 }

@@ -262,8 +262,8 @@ public:
         endpoint_(endpoint), root_(endpoint->root_), fd_(fd), peer_(peer),
         idleTimeout_(endpoint->options_.idleTimeout), maxCommandLength_(endpoint->options_.maxCommandLength) {
     taskStatsNameIs("AgentEndpointClient");
-    timer_ = Ptr<ClientTimer>(
-        new ClientTimer(root_.get(), endpoint->options_.priority, String(fmt::format("AgentEndpointClientTimer-fd:{}", fd))));
+    timer_ = Ptr<ClientTimer>(new ClientTimer(root_.get(), endpoint->options_.priority,
+                                              String(fmt::format("AgentEndpointClientTimer-fd:{}", fd))));
     timer_->taskStatsNameIs("AgentEndpointClientTimer");
     timer_->fired = [this] { timerFired(); };
     input_.reserve(256);
@@ -636,7 +636,8 @@ void AgentEndpoint::accepted(int fd) {
 }
 
 void AgentEndpoint::clientEnded(Client* client) {
-  auto it = std::find_if(clients_.begin(), clients_.end(), [client](const Ptr<Client>& c) { return c.get() == client; });
+  auto it = std::find_if(clients_.begin(), clients_.end(),
+                         [client](const Ptr<Client>& c) { return c.get() == client; });
   if (it != clients_.end())
     clients_.erase(it);
 }
