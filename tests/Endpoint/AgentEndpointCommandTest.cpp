@@ -100,8 +100,8 @@ TEST_F(AgentEndpointCommand, UnknownCommandIsOneErrorLine) {
   EXPECT_EQ("error: empty command\n", ask("\n"));
   EXPECT_EQ("error: unknown show option: pretty\n", ask("show agent task scheduler pretty\n"));
   EXPECT_EQ("error: match needs an expression\n", ask("show agent task scheduler match\n"));
-  EXPECT_EQ("error: trace needs a specification\n", ask("trace\n"));
-  EXPECT_EQ("error: trace clear needs a specification\n", ask("trace clear  \n"));
+  EXPECT_EQ("error: trace needs NAME/LEVELS\n", ask("trace\n"));
+  EXPECT_EQ("error: trace clear needs NAME/LEVELS\n", ask("trace clear  \n"));
 }
 
 TEST_F(AgentEndpointCommand, CarriageReturnBeforeTheNewlineIsNotPartOfTheCommand) {
@@ -192,7 +192,7 @@ TEST_F(AgentEndpointCommand, ShowJsonIsOneDocumentOfTheRoot) {
   EXPECT_STREQ("workerAlpha", tasks[0]["name"].GetString());
 }
 
-TEST_F(AgentEndpointCommand, TraceAppliesTheSpecificationAndAnswersWithTheDebugMap) {
+TEST_F(AgentEndpointCommand, TraceAppliesTheLevelsAndAnswersWithTheDebugMap) {
   Ptr<Platform::DebugHandler> handler = Platform::getDebugHandler("EndpointProbe");
   EXPECT_EQ(0, *handler->levelsPtr & (1 << 3));
   const std::string answer = ask("trace EndpointProbe/37\n");

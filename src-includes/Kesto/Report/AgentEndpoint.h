@@ -35,9 +35,11 @@
 // and the refusal is traced at level 1 of "KestoAgentEndpoint". A client
 // that sends no whole line within idleTimeout seconds, a line longer than
 // maxCommandLength bytes, or a client beyond maxClients at once gets one
-// error line and is closed; the agent goes on. A client that stops reading
-// a report for two ticks of idleTimeout is cut off, so that a stuck reader
-// cannot hold a client slot for ever.
+// error line and is closed; the agent goes on. A client that takes nothing
+// of a short answer for idleTimeout is dropped. A report is not timed: its
+// reader may be a pager held still for minutes, and a report's task sleeps
+// on the socket without costing the thread anything; a reader that never
+// reads keeps its slot until it goes away or the endpoint stops.
 //
 // SIGPIPE. The show pipeline writes with plain write(), and a reader that
 // goes away mid-report turns that write into SIGPIPE, which by default ends
@@ -94,8 +96,8 @@ public:
     // Clients served at once; one more is refused with an error line. A
     // client counts from accept until its answer is written.
     U32 maxClients = 16;
-    // Seconds a client has to send its line, and the tick of the stall
-    // check while an answer or a report is written to it.
+    // Seconds a client has to send its line, and to take some of a short
+    // answer that does not fit its socket at once.
     double idleTimeout = 5.0;
     // Longest command line, without its '\n'.
     U32 maxCommandLength = 4096;
@@ -110,7 +112,7 @@ public:
     U64 overlong = 0;       // line longer than maxCommandLength
     U64 commands = 0;       // lines answered (errors included)
     U64 reports = 0;        // reports started
-    U64 stalled = 0;        // readers cut off for not reading
+    U64 stalled = 0;        // clients dropped for not reading a short answer
   };
 
   static constexpr U32 maxNameLength = 64;
