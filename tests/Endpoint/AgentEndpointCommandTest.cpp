@@ -8,6 +8,7 @@
 
 #include <rapidjson/document.h>
 
+#include <chrono>
 #include <sstream>
 #include <vector>
 
@@ -240,4 +241,34 @@ TEST_F(AgentEndpointCommand, ResetStatsAnswersOnlyOnceTheResetHasEnded) {
   EXPECT_FALSE(root->resetStatsInProgress());
   EXPECT_EQ(0u, worker->taskRunCount());
   EXPECT_EQ(0u, tasks.front()->taskRunCount());
+}
+
+TEST_F(AgentEndpointCommand, ResetWaitingForASuspendedGroupIsPolledEverSlowerAndAnsweredOnResume) {
+  addGroupWithOneTask();
+  group->suspendedIs(true);
+  Client c(endpoint->address());
+  c.send("reset stats\n");
+  ASSERT_TRUE(driveUntil([&] { return endpoint->counters().commands == 1; }));
+  // The group's part of the reset waits for the group.
+  const auto start = std::chrono::steady_clock::now();
+  driveUntil([&] { return std::chrono::steady_clock::now() - start > std::chrono::milliseconds(300); });
+  EXPECT_TRUE(root->resetStatsInProgress());
+  EXPECT_FALSE(c.pump());
+  EXPECT_EQ("", c.received());
+  // Polls after 1, 2, 4 ... 64 ms, then every 100 ms: about ten in 300 ms,
+  // where a poll every millisecond would have made three hundred.
+  unsigned timers = 0;
+  U64 polls = 0;
+  for (int fd = 0; fd < 1024; ++fd)
+    if (Ptr<TaskImpl> t = root->taskForTest(String("AgentEndpointClientTimer-fd:" + std::to_string(fd)))) {
+      ++timers;
+      polls = t->taskRunCount();
+    }
+  ASSERT_EQ(1u, timers);
+  EXPECT_GE(polls, 3u);
+  EXPECT_LE(polls, 15u);
+  group->suspendedIs(false);
+  ASSERT_TRUE(driveUntil([&] { return c.pump(); }));
+  EXPECT_EQ("stats reset\n", c.received());
+  EXPECT_FALSE(root->resetStatsInProgress());
 }

@@ -53,8 +53,9 @@
 // blocked, a write to a closed pipe or socket fails with EPIPE instead of
 // ending the process; threads created from that thread meanwhile inherit
 // the blocked mask. Other threads are not touched. The cost is one
-// sigtimedwait per report (well under a microsecond; see
-// docs/Report/AgentEndpoint.md for the figures and the alternative).
+// sigtimedwait per report: 0.2 us of CPU (2 us of wall time on a loaded
+// machine) against some 1 ms of CPU for a report of 1000 tasks; see
+// docs/Report/AgentEndpoint.md for the figures and the alternative.
 //
 // Owner: the application holds the Ptr; the endpoint holds its listener and
 // client tasks, which point back to it by a plain pointer that stop()

@@ -40,6 +40,9 @@ constexpr const char* className = "Kesto::AgentEndpoint";
 // usually finds it done; a scheduler of a hundred thousand tasks takes a few
 // passes of 20 ms quanta, which a 1 ms poll follows closely enough.
 constexpr double resetPollSeconds = 0.001;
+// A reset that waits for a suspended group can last as long as the
+// suspension: the poll slows down by doubling, up to ten times a second.
+constexpr double resetPollSecondsMax = 0.1;
 
 // At most this much unread input is taken off a socket before it is closed:
 // closing a unix socket with unread input turns the peer's end of file into
@@ -247,7 +250,7 @@ private:
 //
 //   reading       the command line comes in; idle time-out armed
 //   answering     a short answer (help, trace, reset, error) goes out
-//   waitingReset  resetStats() runs; polled every millisecond
+//   waitingReset  resetStats() runs; polled after 1 ms, then ever slower
 //   reporting     the show pipeline owns the socket
 //
 // Every phase ends in finish(), which closes the socket (in reporting, the
@@ -490,7 +493,8 @@ private:
       return;
     case Phase::waitingReset:
       if (root_->resetStatsInProgress()) {
-        timer_->scheduleTaskDelay(resetPollSeconds);
+        resetPoll_ = std::min(resetPoll_ * 2, resetPollSecondsMax);
+        timer_->scheduleTaskDelay(resetPoll_);
         return;
       }
       answer("stats reset\n");
@@ -532,6 +536,7 @@ private:
   std::size_t written_ = 0;
   bool progressed_ = false;
   bool holdsSigpipe_ = false;
+  double resetPoll_ = resetPollSeconds / 2;
 };
 
 AgentEndpoint::AgentEndpoint(Ptr<TaskSchedulerRoot> root, Options options)
