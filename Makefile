@@ -72,13 +72,29 @@ build: configure
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
-# The demo builds the example agent and the libraries it links, nothing else.
+# The demo builds the example agent, the kesto command and the libraries
+# they link, nothing else. Its last part runs the agent in the background,
+# reads its output until it says it is serving (no guessing how long that
+# takes), looks inside it with kesto, then reads the rest of its output,
+# which lets it finish.
 demo: configure
-	cmake --build $(BUILD_DIR) -j $(JOBS) --target demo_agent
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target demo_agent kesto
 	$(BUILD_DIR)/examples/demo_agent
 	@echo
 	@echo "== The agent again, 50 ms of real loop and 2 virtual seconds, under TRACE=TaskScheduler/8 (first 40 lines):"
 	@TRACE=TaskScheduler/8 $(BUILD_DIR)/examples/demo_agent 0.05 2 2>&1 | head -n 40
+	@echo
+	@echo "== The agent in the background: 1 s of real loop, 10 virtual minutes, then 3 s of serving its endpoint"
+	@exec 3< <($(BUILD_DIR)/examples/demo_agent 1 600 --serve 3); \
+	  pid=; \
+	  while read -r line <&3; do \
+	    case "$$line" in Endpoint:*) pid=$${line##*/};; "Serving for"*) break;; esac; \
+	  done; \
+	  echo "\$$ kesto list"; $(BUILD_DIR)/kesto/kesto list; \
+	  echo; echo "\$$ kesto show $$pid   (first 40 lines)"; \
+	  $(BUILD_DIR)/kesto/kesto show $$pid | head -n 40; \
+	  cat <&3 >/dev/null; \
+	  echo; echo "The agent has finished. kesto --help lists the other commands."
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done

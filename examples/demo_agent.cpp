@@ -15,7 +15,14 @@
 // scheduler report (hierarchical text, and JSON to a file) and the group's
 // share of the thread.
 //
-//   demo_agent [real-seconds [simulated-seconds]]      defaults: 3 and 3600
+// Whenever it runs it serves its endpoint, named after itself ("demo_agent"),
+// so that `kesto list` finds it and `kesto show` prints its report while it
+// runs. With --serve it goes on for that many more seconds of real time
+// after the virtual hour, its tasks still at work, before it stops them and
+// reports: time enough to look at it from another terminal.
+//
+//   demo_agent [real-seconds [simulated-seconds]] [--serve seconds]
+//                                          defaults: 3, 3600 and 0
 //
 // With TRACE=TaskScheduler/8 every scheduling step is traced; keep the run
 // short then, for example: TRACE=TaskScheduler/8 demo_agent 0.05 1
@@ -311,11 +318,29 @@ double parseSeconds(const char* text, double fallback) {
   return v;
 }
 
+int usage() {
+  fmt::print(stderr, "demo_agent: usage: demo_agent [real-seconds [simulated-seconds]] [--serve seconds]\n");
+  return 2;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-  const double realSeconds = parseSeconds(argc > 1 ? argv[1] : nullptr, 3.0);
-  const double simulatedSeconds = parseSeconds(argc > 2 ? argv[2] : nullptr, 3600.0);
+  std::vector<const char*> positional;
+  const char* serveText = nullptr;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--serve") == 0 && i + 1 < argc)
+      serveText = argv[++i];
+    else if (argv[i][0] == '-' && argv[i][1] != '\0')
+      return usage();
+    else
+      positional.push_back(argv[i]);
+  }
+  if (positional.size() > 2)
+    return usage();
+  const double realSeconds = parseSeconds(positional.size() > 0 ? positional[0] : nullptr, 3.0);
+  const double simulatedSeconds = parseSeconds(positional.size() > 1 ? positional[1] : nullptr, 3600.0);
+  const double serveSeconds = parseSeconds(serveText, 0.0);
 
   int fds[2];
   if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) != 0) {
@@ -343,6 +368,14 @@ int main(int argc, char** argv) {
 
   fmt::print("Agent on root scheduler \"{}\" with {} tasks, {} of them in the group \"{}\"\n", root->schedulerName(),
              root->totalRegisteredTaskCount(), indexer->registeredTaskCount(), indexer->schedulerName());
+
+  // The endpoint, named after the program as the kernel knows it. Its
+  // listener and client tasks join the root at low priority.
+  String name = Util::readProcTitle(0, true);
+  if (name.view().empty())
+    name = String("demo_agent");
+  Ptr<AgentEndpoint> endpoint = AgentEndpoint::start(root, {.name = name});
+  fmt::print("Endpoint: {}\n", endpoint->address().view());
   feed->scheduleTask();
   heartbeat->start();
   audit->scheduleTaskJitterUp(60.0, 10);
@@ -363,6 +396,14 @@ int main(int argc, char** argv) {
   Platform::setFastForward(false);
   fmt::print("  {:.0f} s of virtual time passed in {:.3f} s of real time\n", Kesto::time() - virtualStart,
              std::chrono::duration<double>(Clock::now() - wall).count());
+
+  if (serveSeconds > 0.0) {
+    fmt::print("Serving for {} s of real time, the tasks still at work (kesto show {})\n", serveSeconds, getpid());
+    // Whoever waits for that line (a test, make demo) gets it now, not when
+    // the buffer of a pipe fills.
+    std::fflush(stdout);
+    Platform::doEventLoop(serveSeconds);
+  }
 
   feed->stopTimerTask();
   heartbeat->stopTimerTask();
@@ -420,6 +461,7 @@ int main(int argc, char** argv) {
   fmt::print("Audits: {}\n", audit->audits());
 
   const bool consistent = feed->sent() == ingest->received() && heartbeat->minLateness() >= 0.0;
+  endpoint->stop();
   ingest->taskWatchFdDel();
   ::close(fds[0]);
   ::close(fds[1]);

@@ -32,6 +32,7 @@
 #include <Kesto/Platform/PlatformEventPriority.h>
 #include <Kesto/Platform/PlatformHandlers.h>
 #include <Kesto/Platform/Time.h>
+#include <Kesto/Report/AgentEndpoint.h>
 #include <Kesto/Report/SnapshotShow.h>
 #include <Kesto/Report/SnapshotShowJson.h>
 #include <Kesto/Report/SnapshotShowTask.h>

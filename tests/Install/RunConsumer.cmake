@@ -45,6 +45,22 @@ if(NOT last_out MATCHES "consumer ok")
   message(FATAL_ERROR "unexpected output from the consumer:\n${last_out}")
 endif()
 
+# The command installed beside the libraries runs from there, finding them
+# through its run path alone.
+if(WITH_COMMAND)
+  if(NOT EXISTS ${prefix}/bin/kesto)
+    message(FATAL_ERROR "not installed: bin/kesto")
+  endif()
+  run(${prefix}/bin/kesto --help)
+  if(NOT last_out MATCHES "^usage: kesto COMMAND")
+    message(FATAL_ERROR "unexpected help from the installed kesto:\n${last_out}")
+  endif()
+  run(${prefix}/bin/kesto list)
+  if(NOT last_out MATCHES "^PID +NAME +TITLE +STARTED\n")
+    message(FATAL_ERROR "unexpected list from the installed kesto:\n${last_out}")
+  endif()
+endif()
+
 # 2. pkg-config
 find_program(PKG_CONFIG pkg-config REQUIRED)
 set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <KestoNetns/Netns.h>
+#include <KestoSupport/Capabilities.h>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -40,14 +41,7 @@ inline ino_t threadNetNsInode() { return nsInode("/proc/thread-self/ns/net"); }
 
 // "" if this process may make and name network namespaces, else why not.
 inline std::string netnsPrivilegeMissing() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  unsigned long long effective = 0;
-  while (std::getline(status, line))
-    if (line.rfind("CapEff:", 0) == 0)
-      effective = std::stoull(line.substr(7), nullptr, 16);
-  constexpr unsigned capSysAdmin = 21;
-  if (!(effective & (1ull << capSysAdmin)))
+  if (!hasEffectiveCapability(capSysAdmin))
     return "making network namespaces needs CAP_SYS_ADMIN, which this process lacks";
   if (::mkdir(NETNS_RUN_DIR, 0755) != 0 && errno != EEXIST)
     return fmt::format("cannot create {}: {}", NETNS_RUN_DIR, std::strerror(errno));

@@ -47,7 +47,10 @@ public:
 
   // Makes handlerMap_ if needed. Requires the Loco.
   static void initialize();
-  // "Handlers:" and every handler in name order, on standard output.
+  // "Handlers:" and every handler in name order, one "    name/levels" line
+  // each: the text printAll() writes.
+  static String allText();
+  // allText() on standard output.
   static void printAll();
 
   static void* operator new(std::size_t size);
@@ -87,7 +90,10 @@ public:
   // Makes the control maps (and the handler map) if needed. Requires the
   // Loco.
   static void initialize();
-  // "Specific:", the specific controls, "Wildcard:", the wildcards.
+  // "Specific:", the specific controls, "Wildcard:", the wildcards, one
+  // "    name/levels" line each: the text printAll() writes.
+  static String allText();
+  // allText() on standard output.
   static void printAll();
 
   // "name/levels", with `*` behind the name of a wildcard.

@@ -51,6 +51,9 @@ KESTO_EXPORT Ptr<DebugHandler> getDebugHandler(const String& name, bool flag = f
 KESTO_EXPORT void setupKestoDebug(const char* spec);
 // Takes the levels of `spec` away; null does nothing.
 KESTO_EXPORT void clearKestoDebug(const char* spec);
+// Every control and handler, as dumpKestoDebugMap() prints them; the
+// answer of the agent endpoint's trace commands.
+KESTO_EXPORT String kestoDebugMapText();
 // Prints every control and handler on standard output.
 KESTO_EXPORT void dumpKestoDebugMap();
 KESTO_EXPORT void destroyDebugHandler(DebugHandler* handler);

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <iterator>
 
 namespace Kesto::Ixo {
 
@@ -234,15 +235,22 @@ String DebugControl::displayString() {
   return result;
 }
 
-void DebugControl::printAll() {
+String DebugControl::allText() {
   Platform::Loco::Guard guard;
   initialize();
-  fmt::print(stdout, "Specific:\n");
+  fmt::memory_buffer out;
+  fmt::format_to(std::back_inserter(out), "Specific:\n");
   for (const auto& [controlName, control] : *debugsMap_)
-    fmt::print(stdout, "    {}\n", control->displayString());
-  fmt::print(stdout, "Wildcard:\n");
+    fmt::format_to(std::back_inserter(out), "    {}\n", control->displayString());
+  fmt::format_to(std::back_inserter(out), "Wildcard:\n");
   for (const auto& [controlName, control] : *wildCardDebugsMap_)
-    fmt::print(stdout, "    {}\n", control->displayString());
+    fmt::format_to(std::back_inserter(out), "    {}\n", control->displayString());
+  return String(std::string_view(out.data(), out.size()));
+}
+
+void DebugControl::printAll() {
+  const String text = allText();
+  std::fwrite(text.data(), 1, text.size(), stdout);
   std::fflush(stdout);
 }
 

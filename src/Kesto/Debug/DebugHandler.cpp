@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <iterator>
 
 namespace Kesto::Ixo {
 
@@ -74,12 +75,19 @@ void DebugHandler::initialize() {
     handlerMap_ = new HandlerMap;
 }
 
-void DebugHandler::printAll() {
+String DebugHandler::allText() {
   Platform::Loco::Guard guard;
   initialize();
-  fmt::print(stdout, "Handlers:\n");
+  fmt::memory_buffer out;
+  fmt::format_to(std::back_inserter(out), "Handlers:\n");
   for (const auto& [name, handler] : *handlerMap_)
-    fmt::print(stdout, "    {}\n", handler->displayString());
+    fmt::format_to(std::back_inserter(out), "    {}\n", handler->displayString());
+  return String(std::string_view(out.data(), out.size()));
+}
+
+void DebugHandler::printAll() {
+  const String text = allText();
+  std::fwrite(text.data(), 1, text.size(), stdout);
   std::fflush(stdout);
 }
 

@@ -51,6 +51,12 @@ void clearKestoDebug(const char* spec) {
     applySpec(spec, &Ixo::DebugControl::clear);
 }
 
+String kestoDebugMapText() {
+  String text = Ixo::DebugControl::allText();
+  text += Ixo::DebugHandler::allText().view();
+  return text;
+}
+
 void dumpKestoDebugMap() {
   Ixo::DebugControl::printAll();
   Ixo::DebugHandler::printAll();
