@@ -4,22 +4,18 @@
 // The task knows its show only through five functions (moreOutput, produce,
 // finish, abandon, written), so it is built without knowing a renderer. It
 // runs as the write task of a FileDescriptorTask of priority normal: each
-// run formats until the renderer's buffer holds 64 KiB, or until the
-// quantum is spent with at least 768 bytes in it, writes them with one
-// write(), and either goes on, reschedules itself or sleeps on the
-// descriptor's writable event when the reader is behind. Neither the
-// scheduler nor other tasks ever wait for the reader.
+// run formats until the quantum is spent or the renderer's buffer holds at
+// least 768 bytes, writes them with one write(), and either reschedules
+// itself or sleeps on the descriptor's writable event when the reader is
+// behind. Neither the scheduler nor other tasks ever wait for the reader.
 //
 // Write rule: nothing under 768 bytes is written before the end of the
 // report; a 100-byte task line would otherwise cost one system call each.
-// While the quantum lasts, lines gather up to 64 KiB, so a reader that keeps
-// up costs one system call per 64 KiB. The bytes written are a view of the
-// renderer's buffer, never a copy, and formatting never runs while a write
-// of that buffer is pending.
+// The bytes written are a view of the renderer's buffer, never a copy, and
+// formatting never runs while a write of that buffer is pending.
 //
 //   from      event                                      to
-//   idle      64 KiB handed over, or >= 768 bytes with   working
-//             the quantum spent, or forced
+//   idle      >= 768 bytes handed over, or forced         working
 //   working   all of data_ written                       idle
 //   working   partial write or EINTR                     working
 //   working   EAGAIN                                     blocked
@@ -68,9 +64,8 @@ public:
 
   void doWork();
   void attemptWrite();
-  // Hands `data` over for writing if it is 64 KiB, or at least 768 bytes
-  // with the quantum spent, or `force`; true if the caller must stop (write
-  // pending or quantum spent).
+  // Hands `data` over for writing if it is at least 768 bytes or `force`;
+  // true if the caller must stop (write pending or quantum spent).
   bool attemptWriteAndCheckYield(std::string_view data, bool force);
   void handleReschedulingAndExit();
 

@@ -18,14 +18,6 @@ constexpr const char* className = "SnapshotShowTask";
 // task lines, so a report costs one write() per several lines, not per line.
 constexpr std::size_t smallWriteLimit = 768;
 
-// Between the two limits a slice gathers lines while its quantum lasts and
-// writes them when it runs out or when this much is waiting, whichever comes
-// first. Each write() costs a few microseconds on top of copying its bytes:
-// at 768 bytes a 12 MB report took 16,000 of them and, with the buffer
-// regrown after each, about half of its CPU; at 64 KiB it takes about 200.
-// A slow reader still gets each slice's output at the end of the slice.
-constexpr std::size_t gatherLimit = 64 * 1024;
-
 String showTaskName(int fd) { return String(fmt::format("{}-fd:{}", "TaskSchedulerShow", fd)); }
 
 } // namespace
@@ -164,20 +156,10 @@ void SnapshotShowTask::attemptWrite() {
 bool SnapshotShowTask::attemptWriteAndCheckYield(std::string_view data, bool force) {
   KESTO_ASSERT(state_ == State::idle, className, "fd {} state {}", fd_, state_);
   KESTO_ASSERT(data_.empty(), className, "Still have {} bytes to write to fd {}", data_.size(), fd_);
-  // In ratio mode taskShouldYield() counts its calls, so it is asked once.
-  bool askedForYield = false;
-  bool outOfTime = false;
   if (!data.empty()) {
-    bool writeNow = true;
     if (data.size() < smallWriteLimit && !force) {
       KESTO_TRACE(Debug::taskScheduler, 3, className, "Defer small write of {} for fd {}", data.size(), fd_);
-      writeNow = false;
-    } else if (!force && data.size() < gatherLimit) {
-      outOfTime = taskShouldYield();
-      askedForYield = true;
-      writeNow = outOfTime; // while time is left in this slice, gather more lines
-    }
-    if (writeNow) {
+    } else {
       KESTO_TRACE(Debug::taskScheduler, 3, className, "New formatted data of {} bytes", data.size());
       data_ = data;
       state_ = State::working;
@@ -189,9 +171,7 @@ bool SnapshotShowTask::attemptWriteAndCheckYield(std::string_view data, bool for
       KESTO_ASSERT(data_.empty(), className, "data_.empty()");
     }
   }
-  if (!askedForYield)
-    outOfTime = taskShouldYield();
-  if (outOfTime) {
+  if (taskShouldYield()) {
     KESTO_TRACE(Debug::taskScheduler, 3, className, "Yield because out of time for fd {}", fd_);
     return true;
   }
