@@ -177,7 +177,7 @@ struct Model {
   }
 };
 
-// Items of a specification, split as setupKestoDebug does.
+// Items of a TRACE text, split as setupKestoDebug does.
 template <typename Fn>
 void forEachItem(std::string_view text, Fn&& fn) {
   std::size_t position = 0;
@@ -196,7 +196,7 @@ void forEachItem(std::string_view text, Fn&& fn) {
 
 // Names and specifications over few characters, so that prefixes, stars and
 // separators meet often.
-std::string textOf(FuzzInput& in, bool spec) {
+std::string textOf(FuzzInput& in, bool traceText) {
   static constexpr char alphabet[] = "ab*/,0123456789K";
   const bool raw = in.byte() & 1;
   std::string_view bytes = in.text(40);
@@ -206,7 +206,7 @@ std::string textOf(FuzzInput& in, bool spec) {
       continue; // The text is a C string.
     if (!raw)
       c = alphabet[static_cast<unsigned char>(c) % 16];
-    if (!spec && (c == ',' || c == '/'))
+    if (!traceText && (c == ',' || c == '/'))
       c = 'b';
     out += c;
   }
