@@ -194,7 +194,7 @@ void forEachItem(std::string_view text, Fn&& fn) {
   }
 }
 
-// Names and specifications over few characters, so that prefixes, stars and
+// Names and TRACE texts over few characters, so that prefixes, stars and
 // separators meet often.
 std::string textOf(FuzzInput& in, bool traceText) {
   static constexpr char alphabet[] = "ab*/,0123456789K";
