@@ -5,6 +5,9 @@
 #   make test                 build and run every test
 #   make test SANITIZE=address,undefined
 #                             the same suite under the sanitizers
+#   make test SANITIZE=thread the tests that run more than one thread (ctest
+#                             label `threads`) under ThreadSanitizer; only
+#                             their executables are built
 #   make bench                build and run the benchmarks
 #   make soak [SOAK_SECONDS=600]
 #                             the example agent in real time with a report
@@ -59,10 +62,14 @@ deps:
 fuzz-deps: deps
 	$(call install_missing,$(FUZZ_PACKAGES))
 
+# ThreadSanitizer checks the threaded tests only: no benchmarks, no examples,
+# and tests/CMakeLists.txt leaves out every suite without threads.
+THREADS_ONLY := $(findstring thread,$(SANITIZE))
+
 $(BUILD_DIR)/build.ninja: | deps
 	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) \
 	  -DKESTO_SANITIZE=$(SANITIZE) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(LAUNCHER) \
-	  $(if $(SANITIZE),-DKESTO_BUILD_BENCH=OFF)
+	  $(if $(SANITIZE),-DKESTO_BUILD_BENCH=OFF) $(if $(THREADS_ONLY),-DKESTO_BUILD_EXAMPLES=OFF)
 
 configure: deps $(BUILD_DIR)/build.ninja
 
@@ -70,7 +77,7 @@ build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 test: build
-	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600 $(if $(THREADS_ONLY),-L threads)
 
 # The demo builds the example agent, the kesto command and the libraries
 # they link, nothing else. Its last part runs the agent in the background,

@@ -16,7 +16,7 @@
 // at any point of process exit.
 //
 // Threads: every map, every control and every handler's `levels` are changed
-// under Platform::Loco; call sites read `*levelsPtr` without it.
+// under Platform::Loco; call sites read the mask through loadLevels() without it.
 #pragma once
 
 #include <Kesto/Common/Export.h>

@@ -178,11 +178,12 @@ struct fmt::formatter<std::chrono::duration<std::uint32_t, std::milli>> : fmt::f
 #define KESTO_TRACE(handler, level, className, ...)                                                           \
   do {                                                                                                        \
     const ::Kesto::Platform::DebugHandler& kestoTraceHandler_ = ::Kesto::Impl::handlerOf(handler);            \
-    if (*kestoTraceHandler_.levelsPtr & (1u << (level))) [[unlikely]]                                         \
+    if (::Kesto::Platform::loadLevels(kestoTraceHandler_.levelsPtr) & (1u << (level))) [[unlikely]]           \
       ::Kesto::fmtrace(kestoTraceHandler_, (level), __FILE__, __func__, __LINE__, className, __VA_ARGS__);    \
   } while (0)
 
-#define KESTO_ENABLED(handler, level) ((*::Kesto::Impl::handlerOf(handler).levelsPtr & (1u << (level))) != 0)
+#define KESTO_ENABLED(handler, level)                                                                         \
+  ((::Kesto::Platform::loadLevels(::Kesto::Impl::handlerOf(handler).levelsPtr) & (1u << (level))) != 0)
 
 // Asserts `cond`; the message is formatted only on failure.
 #define KESTO_ASSERT(cond, className, ...)                                                                    \

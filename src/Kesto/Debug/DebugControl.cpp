@@ -123,7 +123,7 @@ void DebugControl::set(const String& spec, const String& levelsText) {
     auto [first, last] = DebugHandler::handlerMap_->equal_range(item.name);
     for (auto it = first; it != last; ++it)
       if (!it->second->independent_)
-        it->second->levels = orMask(it->second->levels, control->levels);
+        Platform::storeLevels(&it->second->levels, orMask(it->second->levels, control->levels));
     return;
   }
 
@@ -136,7 +136,7 @@ void DebugControl::set(const String& spec, const String& levelsText) {
       specific->levels = orMask(specific->levels, all);
   for (auto& [handlerName, handler] : *DebugHandler::handlerMap_)
     if (!handler->independent_ && beginsWith(handlerName, item.name))
-      handler->levels = orMask(handler->levels, all);
+      Platform::storeLevels(&handler->levels, orMask(handler->levels, all));
 }
 
 void DebugControl::clear(const String& spec, const String& levelsText) {
@@ -163,7 +163,7 @@ void DebugControl::clear(const String& spec, const String& levelsText) {
     auto [first, last] = DebugHandler::handlerMap_->equal_range(item.name);
     for (auto it = first; it != last; ++it)
       if (!it->second->independent_)
-        it->second->levels = withoutMask(it->second->levels, item.mask);
+        Platform::storeLevels(&it->second->levels, withoutMask(it->second->levels, item.mask));
     return;
   }
 
@@ -201,7 +201,7 @@ void DebugControl::clear(const String& spec, const String& levelsText) {
 
   for (auto& [handlerName, handler] : *DebugHandler::handlerMap_)
     if (!handler->independent_ && beginsWith(handlerName, item.name))
-      handler->levels = withoutMask(handler->levels, item.mask);
+      Platform::storeLevels(&handler->levels, withoutMask(handler->levels, item.mask));
 }
 
 Ptr<Platform::DebugHandler> DebugControl::get(const String& spec, bool) {

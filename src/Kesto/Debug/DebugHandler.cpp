@@ -44,10 +44,10 @@ void DebugHandler::enabledIs(unsigned short level, bool enabled) {
                "Cannot use this with a non-null levelsPtr passed to constructor");
   // The mask is 16 bits: levels 16 to 31 fall off the end either way.
   const unsigned bit = 1u << (level & 31);
-  if (enabled)
-    levels = static_cast<unsigned short>(levels | bit);
-  else
-    levels = static_cast<unsigned short>(levels & ~bit);
+  // Under the Loco, like set() and clear(), so that a concurrent change of
+  // the same mask is not lost; call sites read it without.
+  Platform::Loco::Guard guard;
+  Platform::storeLevels(&levels, static_cast<unsigned short>(enabled ? (levels | bit) : (levels & ~bit)));
 }
 
 void DebugHandler::dump(Platform::DebugStream& stream, unsigned short level, const char* file,
@@ -61,7 +61,7 @@ String DebugHandler::displayString() const {
   if (levels == allSpecLevels) {
     result += '*';
   } else {
-    const unsigned short shown = *levelsPtr;
+    const unsigned short shown = Platform::loadLevels(levelsPtr);
     for (int level = 0; level <= 9; ++level)
       if (shown & (1u << level))
         result += static_cast<char>('0' + level);

@@ -15,6 +15,10 @@ namespace Kesto::Platform {
 
 namespace {
 
+// A format flag, set under the Loco by setTraceFormat and read here without
+// it (see TraceFormat.cpp).
+bool flag(const bool& f) noexcept { return __atomic_load_n(&f, __ATOMIC_RELAXED); }
+
 const char* baseName(const char* path) noexcept {
   const char* slash = std::strrchr(path, '/');
   return slash ? slash + 1 : path;
@@ -33,24 +37,24 @@ void dumpDebugMsg(const std::string_view& text, unsigned short level, const Debu
   tm local;
   const bool haveLocal = localtime_r(&now.tv_sec, &local) != nullptr;
   char buffer[64];
-  if (DebugControl::showDate_ && haveLocal) {
+  if (flag(DebugControl::showDate_) && haveLocal) {
     if (std::strftime(buffer, sizeof buffer, "%Y-%m-%d ", &local))
       prefix << buffer;
   }
-  if (DebugControl::showTime_ && haveLocal) {
+  if (flag(DebugControl::showTime_) && haveLocal) {
     if (std::strftime(buffer, sizeof buffer, "%H:%M:%S", &local))
       prefix << buffer;
     prefix << '.' << now.tv_usec << ' ';
   }
-  if (DebugControl::showPid_)
+  if (flag(DebugControl::showPid_))
     prefix << getpid() << ' ';
-  if (DebugControl::showTid_)
+  if (flag(DebugControl::showTid_))
     prefix << Kesto::gettid() << ' ';
-  if (DebugControl::showHandleName_)
+  if (flag(DebugControl::showHandleName_))
     prefix << handler.name << ' ';
-  if (DebugControl::showLevel_)
+  if (flag(DebugControl::showLevel_))
     prefix << level << ' ';
-  if (DebugControl::showLineInfo_) {
+  if (flag(DebugControl::showLineInfo_)) {
     // A missing argument fails the stream: the rest of the prefix is lost,
     // the text is still written.
     if (file)
@@ -58,7 +62,7 @@ void dumpDebugMsg(const std::string_view& text, unsigned short level, const Debu
     else
       prefix.setstate(std::ios::badbit);
   }
-  if (DebugControl::showFuncName_) {
+  if (flag(DebugControl::showFuncName_)) {
     if (function)
       prefix << function << ' ';
     else

@@ -69,7 +69,7 @@ String vfmthrow(const Platform::DebugHandler& handler, unsigned short level, con
                 const char* file, const char* function, int line, fmt::string_view format,
                 fmt::format_args args) noexcept {
   String text = vtracestr(false, className, file, function, line, format, args);
-  if (level < 16 && (*handler.levelsPtr & (1u << level)))
+  if (level < 16 && (Platform::loadLevels(handler.levelsPtr) & (1u << level)))
     Platform::dumpDebugMsg(text.view(), level, handler, file, function, line);
   return text;
 }

@@ -72,21 +72,26 @@ void setTraceFormat(const char* format) {
     }
     wanted[index] = true;
   }
+  // Written under the guard, read by dumpDebugMsg on any thread without it:
+  // relaxed atomic stores and loads, plain moves on x86-64, make that race a
+  // defined one. A line being prefixed meanwhile may mix old and new flags.
   Loco::Guard guard;
   for (int index = 0; index < fieldCount; ++index)
-    *fields[index].flag = wanted[index];
+    __atomic_store_n(fields[index].flag, wanted[index], __ATOMIC_RELAXED);
 }
 
 void clearTraceFormat() {
   Loco::Guard guard;
   for (const Field& field : fields)
-    *field.flag = false;
+    __atomic_store_n(field.flag, false, __ATOMIC_RELAXED);
 }
 
 void printAllTraceFormat() {
-  fmt::print(stdout, "{} {} {} {} {} {} {} {}\n", DebugControl::showDate_, DebugControl::showTime_,
-             DebugControl::showPid_, DebugControl::showTid_, DebugControl::showHandleName_,
-             DebugControl::showLevel_, DebugControl::showLineInfo_, DebugControl::showFuncName_);
+  bool shown[fieldCount];
+  for (int index = 0; index < fieldCount; ++index)
+    shown[index] = __atomic_load_n(fields[index].flag, __ATOMIC_RELAXED);
+  fmt::print(stdout, "{} {} {} {} {} {} {} {}\n", shown[0], shown[1], shown[2], shown[3], shown[4], shown[5], shown[6],
+             shown[7]);
   std::fflush(stdout);
 }
 
