@@ -128,13 +128,13 @@ int runTrace(const std::vector<std::string>& args) {
   const Arguments arguments("trace", args, {"clear"}, {});
   if (answeredHelp(arguments, "trace"))
     return exitSuccess;
-  arguments.expectOperands(2, 2, arguments.operands().empty() ? "AGENT and SPEC" : "SPEC");
-  const std::string& spec = arguments.operands()[1];
-  if (spec.empty() || spec.find_first_of("\r\n") != std::string::npos)
-    usageError("trace: SPEC must be one line of handler/levels, such as TaskScheduler/8");
+  arguments.expectOperands(2, 2, arguments.operands().empty() ? "AGENT and LEVELS" : "LEVELS");
+  const std::string& levels = arguments.operands()[1];
+  if (levels.empty() || levels.find_first_of("\r\n") != std::string::npos)
+    usageError("trace: LEVELS must be one line of handler/levels, such as TaskScheduler/8");
   const std::vector<AgentEntry> agents = listAgents();
   const AgentEntry& agent = selectAgent(agents, arguments.operands()[0]);
-  writeOut(askAgent(agent, (arguments.flag("clear") ? "trace clear " : "trace ") + spec));
+  writeOut(askAgent(agent, (arguments.flag("clear") ? "trace clear " : "trace ") + levels));
   return exitSuccess;
 }
 

@@ -16,7 +16,7 @@ constexpr const char* overview =
     "  list                      the agents that serve an endpoint: pid, name, process title, start time\n"
     "  show [AGENT] [OPTIONS]    the agent's scheduler report, as text or JSON\n"
     "  watch [AGENT] [OPTIONS]   the text report again every interval, in place on a terminal\n"
-    "  trace AGENT [--clear] SPEC\n"
+    "  trace AGENT [--clear] LEVELS\n"
     "                            changes the agent's trace levels (as TRACE does) and shows them\n"
     "  reset AGENT               resets the agent's scheduler statistics\n"
     "\n"
@@ -57,9 +57,9 @@ constexpr const char* watchUsage =
     "after a blank line and a header line. The other options are those of show.\n";
 
 constexpr const char* traceUsage =
-    "usage: kesto trace AGENT [--clear] SPEC\n"
+    "usage: kesto trace AGENT [--clear] LEVELS\n"
     "\n"
-    "Applies SPEC to the agent's trace handlers as the TRACE variable would (for\n"
+    "Applies LEVELS to the agent's trace handlers as the TRACE variable would (for\n"
     "example TaskScheduler/8 or Kesto*/01), or with --clear takes those levels away,\n"
     "and prints the agent's handlers and levels afterwards.\n";
 

@@ -61,7 +61,7 @@ TEST(Arguments, UndeclaredOptionsAreUsageErrors) {
 
 TEST(Arguments, OperandCountIsChecked) {
   const Arguments a("trace", {"agent"}, {}, {});
-  EXPECT_EQ(usageStatus([&] { a.expectOperands(2, 2, "SPEC"); }), Kesto::Cmd::exitUsage);
+  EXPECT_EQ(usageStatus([&] { a.expectOperands(2, 2, "LEVELS"); }), Kesto::Cmd::exitUsage);
   EXPECT_EQ(usageStatus([&] { a.expectOperands(0, 0, ""); }), Kesto::Cmd::exitUsage);
   EXPECT_EQ(usageStatus([&] { a.expectOperands(1, 1, "AGENT"); }), 0);
 }

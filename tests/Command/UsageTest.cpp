@@ -64,8 +64,8 @@ TEST(KestoUsage, UnknownOptionIsAUsageErrorOfEveryCommand) {
 TEST(KestoUsage, OperandsAreCounted) {
   expectFailureLine(runKesto({"list", "extra"}), 2, "unexpected argument 'extra'");
   expectFailureLine(runKesto({"show", "a", "b"}), 2, "unexpected argument 'b'");
-  expectFailureLine(runKesto({"trace"}), 2, "missing AGENT and SPEC");
-  expectFailureLine(runKesto({"trace", "agent"}), 2, "missing SPEC");
+  expectFailureLine(runKesto({"trace"}), 2, "missing AGENT and LEVELS");
+  expectFailureLine(runKesto({"trace", "agent"}), 2, "missing LEVELS");
   expectFailureLine(runKesto({"reset"}), 2, "missing AGENT");
 }
 
