@@ -67,8 +67,8 @@ std::vector<std::string> linesOf(const std::string& text) {
 TEST_F(AgentEndpointCommand, HelpListsEveryCommandOnePerLine) {
   const std::string answer = ask("help\n");
   EXPECT_EQ("show agent task scheduler [match REGEX] [json] [flat] [addresses] [no-history] [no-completed] [all]\n"
-            "trace SPEC\n"
-            "trace clear SPEC\n"
+            "trace LEVELS\n"
+            "trace clear LEVELS\n"
             "reset stats\n"
             "help\n",
             answer);
@@ -106,7 +106,7 @@ TEST_F(AgentEndpointCommand, UnknownCommandIsOneErrorLine) {
 }
 
 TEST_F(AgentEndpointCommand, CarriageReturnBeforeTheNewlineIsNotPartOfTheCommand) {
-  EXPECT_EQ("trace SPEC", linesOf(ask("help\r\n")).at(1));
+  EXPECT_EQ("trace LEVELS", linesOf(ask("help\r\n")).at(1));
 }
 
 TEST_F(AgentEndpointCommand, ShowIsTheHierarchicalTextReportOfTheRoot) {

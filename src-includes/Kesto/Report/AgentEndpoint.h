@@ -23,8 +23,8 @@
 //                      the text report (hierarchical unless flat) or the
 //                      JSON report of a snapshot of the root, exactly as the
 //                      show pipeline writes it
-//   trace SPEC         setupKestoDebug(SPEC), answered by the debug map
-//   trace clear SPEC   clearKestoDebug(SPEC), answered by the debug map
+//   trace LEVELS         setupKestoDebug(LEVELS), answered by the debug map
+//   trace clear LEVELS   clearKestoDebug(LEVELS), answered by the debug map
 //   reset stats        resetStats() of the root; "stats reset" once it ended
 //   help               the list of commands, one per line
 // Anything else, and every refusal, is one line starting "error: ".

@@ -80,8 +80,8 @@ void refuseAndClose(int fd, std::string_view line) {
 
 const char* helpText() {
   return "show agent task scheduler [match REGEX] [json] [flat] [addresses] [no-history] [no-completed] [all]\n"
-         "trace SPEC\n"
-         "trace clear SPEC\n"
+         "trace LEVELS\n"
+         "trace clear LEVELS\n"
          "reset stats\n"
          "help\n";
 }
