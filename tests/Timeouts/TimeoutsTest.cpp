@@ -258,10 +258,43 @@ TEST(Timeouts, PendingPointsAtTheListHeadItIsOn) {
   EXPECT_EQ(a.tqe.tqe_next, &b);
   EXPECT_EQ(b.tqe.tqe_prev, &a.tqe.tqe_next);
   EXPECT_EQ(a.pending->tqh_last, &b.tqe.tqe_next);
+  // Expired with their whole slot: moved as one list, still linked in order
+  // and not null, though `pending` may still name the slot.
   timeouts_update(T.get(), 5);
   ASSERT_NE(a.pending, nullptr);
-  EXPECT_EQ(a.pending->tqh_first, &a); // now the expired list's head
-  EXPECT_EQ(a.pending, b.pending);
+  ASSERT_NE(b.pending, nullptr);
+  EXPECT_EQ(a.tqe.tqe_next, &b);
+  EXPECT_EQ(b.tqe.tqe_prev, &a.tqe.tqe_next);
+  EXPECT_TRUE(timeouts_check(T.get()));
+  EXPECT_EQ(drain(T.get()), (std::vector<timeout*>{&a, &b}));
+}
+
+TEST(Timeouts, TimeoutsExpiredWithTheirSlotCanBeDeletedAfterTheSlotIsReused) {
+  Set T = openSet();
+  timeout a = absTimeout(), b = absTimeout(), c = absTimeout(), early = absTimeout(), later = absTimeout();
+  timeouts_add(T.get(), &early, 0); // at the clock: straight to the expired list
+  timeouts_add(T.get(), &a, 5);
+  timeouts_add(T.get(), &b, 5);
+  timeouts_add(T.get(), &c, 5);
+  timeouts_update(T.get(), 5);
+  // Tick 69 takes the level-0 slot that a, b and c came from.
+  timeouts_add(T.get(), &later, 69);
+  EXPECT_EQ(later.pending->tqh_first, &later);
+  // The last of the expired list, then one from its middle.
+  timeouts_del(T.get(), &c);
+  EXPECT_EQ(c.pending, nullptr);
+  timeouts_del(T.get(), &a);
+  EXPECT_EQ(a.pending, nullptr);
+  EXPECT_TRUE(timeouts_check(T.get()));
+  // The reused slot is untouched, and the expired list still ends right.
+  EXPECT_EQ(later.pending->tqh_first, &later);
+  EXPECT_EQ(later.pending->tqh_last, &later.tqe.tqe_next);
+  timeouts_add(T.get(), &c, 2);
+  EXPECT_EQ(drain(T.get()), (std::vector<timeout*>{&early, &b, &c}));
+  EXPECT_TRUE(timeouts_pending(T.get()));
+  timeouts_update(T.get(), 69);
+  EXPECT_EQ(drain(T.get()), (std::vector<timeout*>{&later}));
+  EXPECT_TRUE(timeouts_check(T.get()));
 }
 
 TEST(Timeouts, ExpiredAndPendingTellTheTwoPartsApart) {

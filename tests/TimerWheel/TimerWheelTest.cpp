@@ -424,7 +424,7 @@ TEST_F(TimerWheel, StopInTheMapLeavesAnEmptyNodeThatIsSkippedThenErased) {
   fakeNow = 1.0043;
   EXPECT_EQ(processExpiredTimersForTaskScheduler(wheel), 0);
   ASSERT_EQ(wheel->timersExpiryingSoon().size(), 1u);
-  EXPECT_EQ(wheel->timersExpiryingSoon().begin()->first, 1.0045);
+  EXPECT_EQ(wheel->timersExpiryingSoon().begin()->second.front(), &b);
   fakeNow = 1.0045;
   EXPECT_EQ(processExpiredTimersForTaskScheduler(wheel), 1);
   EXPECT_EQ(a.fired, 0);

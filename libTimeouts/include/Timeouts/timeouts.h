@@ -34,6 +34,9 @@
  * - `expires`: the absolute tick of expiry, written by timeouts_add().
  * - `pending`: the head of the list the timeout is on (a wheel slot, the
  *   expired list, or a caller's own list of the same discipline), or null.
+ *   One exception: a timeout that expired with its whole level-0 slot and
+ *   has not been fetched yet may still name that slot, though it is on the
+ *   expired list; it is not null, and the library never follows it.
  * - `tqe`: the tail-queue link, see the timeout_list_* functions below.
  */
 #pragma once

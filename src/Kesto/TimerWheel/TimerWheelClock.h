@@ -1,11 +1,11 @@
 // The clock every wheel reads, and the conversions of times to ticks.
 //
 // Both sit on the path of every timer start, so the common case is inline:
-// a time in the ordinary range converts with one multiplication in 80-bit
-// precision and a rounding that never changes the FPU's mode. Everything
-// else (negative, not a number, beyond 2^52 ticks) takes the exact
-// out-of-line path, which rounds with floorl/ceill and clamps at 2^64 - 1
-// with a trace.
+// a time in the ordinary range converts in double arithmetic with its exact
+// rounding error (see smallTicks). Everything else (below one tick,
+// negative, not a number, beyond 2^52 ticks) takes the exact out-of-line
+// path, which multiplies in 80-bit precision, rounds with floorl/ceill and
+// clamps at 2^64 - 1 with a trace.
 #pragma once
 
 #include <Kesto/Core/Types.h>
@@ -24,42 +24,62 @@ extern TimerWheelClock installedClock;
 inline double now() { return installedClock ? installedClock() : Kesto::time(); }
 
 inline constexpr long double ticksPerSecond = 100.0L;
-// Below this the nearest double of a tick count is within 1/2 of it, and
-// counts convert to and from integers exactly.
-inline constexpr long double fastTickLimit = 4503599627370496.0L; // 2^52 ticks, 1.4 million years
 
 U64 timeToTickFloorSlow(long double ticks);
 U64 timeToTickCeilSlow(long double ticks);
 
-// The floor of a non-negative count below fastTickLimit. An x87 truncation
-// would switch the FPU's rounding mode twice (fldcw), which costs more than
-// the rest of a timer start; instead go through the nearest double (SSE
-// truncation) and correct by one in 80-bit comparisons.
-inline U64 floorOfSmallTicks(long double ticks) {
-  I64 whole = I64(double(ticks));
-  if (static_cast<long double>(whole) > ticks)
-    --whole;
-  else if (static_cast<long double>(whole + 1) <= ticks)
-    ++whole;
-  return U64(whole);
+// The exact product 100 * time is 60 bits wide, so the 80-bit product is
+// exact and the tick is its floor or ceiling. The common case gets the same
+// result without the x87 unit (whose loads, multiply and compares were a
+// third of a timer start): the product rounded to a double, p, and the
+// sign of its rounding error, which Dekker's splitting gives exactly in
+// plain double arithmetic (100 = 4 * 25; 4 * time is exact, and 25 has five
+// significant bits, so each half of the split times 25 is exact).
+//   - If p is not a whole number, no whole number lies between p and the
+//     exact product (it would be a double nearer to the product than p), so
+//     both round like p.
+//   - If p is whole, the sign of the error says on which side of it the
+//     exact product lies.
+// Taken for products from 1 to 2^52 ticks (10 ms to 1.4 million years):
+// no underflow in the split, and every whole count is a double. The rest
+// takes the 80-bit path.
+inline constexpr double fastTickLow = 1.0;
+inline constexpr double fastTickHigh = 4503599627370496.0; // 2^52
+
+struct SmallTicks {
+  I64 whole;   // floor of the rounded product p
+  bool exact;  // p is a whole number
+  double error; // exact product minus p
+};
+
+inline SmallTicks smallTicks(double time, double product) {
+  const double scaled = 4.0 * time;                     // exact
+  const double split = 134217729.0 * scaled;            // 2^27 + 1
+  const double high = split - (split - scaled);         // top 26 bits
+  const double low = scaled - high;                     // the rest, exact
+  const double error = (high * 25.0 - product) + low * 25.0;
+  const I64 whole = I64(product);                       // product > 0: truncation is the floor
+  return SmallTicks{whole, double(whole) == product, error};
 }
 
 // Ticks of 1/100 s rounded down, as for an expiry.
 inline U64 timeToTickFloor(double time) {
-  const long double ticks = ticksPerSecond * time;
-  if (ticks >= 0.0L && ticks < fastTickLimit) [[likely]]
-    return floorOfSmallTicks(ticks);
-  return timeToTickFloorSlow(ticks);
+  const double product = 100.0 * time;
+  if (product >= fastTickLow && product < fastTickHigh) [[likely]] {
+    const SmallTicks t = smallTicks(time, product);
+    return U64(t.whole - ((t.exact && t.error < 0.0) ? 1 : 0));
+  }
+  return timeToTickFloorSlow(ticksPerSecond * time);
 }
 
 // Ticks of 1/100 s rounded up, as for the present.
 inline U64 timeToTickCeil(double time) {
-  const long double ticks = ticksPerSecond * time;
-  if (ticks >= 0.0L && ticks < fastTickLimit) [[likely]] {
-    const U64 whole = floorOfSmallTicks(ticks);
-    return whole + (static_cast<long double>(I64(whole)) < ticks ? 1 : 0);
+  const double product = 100.0 * time;
+  if (product >= fastTickLow && product < fastTickHigh) [[likely]] {
+    const SmallTicks t = smallTicks(time, product);
+    return U64(t.whole + ((!t.exact || t.error > 0.0) ? 1 : 0));
   }
-  return timeToTickCeilSlow(ticks);
+  return timeToTickCeilSlow(ticksPerSecond * time);
 }
 
 } // namespace Kesto::TimerWheelImpl
