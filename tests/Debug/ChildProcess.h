@@ -93,12 +93,12 @@ inline bool awaitChildEnd(int lifeline, std::chrono::steady_clock::time_point de
 
 inline constexpr std::chrono::seconds childTimeLimit{120};
 
-// `env` adds or replaces variables; a variable mapped to nullptr is removed.
-// TRACE, TRACEFORMAT and TRACEFILE of the test's own environment never reach
-// the child unless given here.
-inline ChildResult runChild(const std::vector<std::string>& args,
-                            const std::map<std::string, const char*>& env = {},
-                            std::chrono::seconds timeLimit = childTimeLimit) {
+// Runs `program` with `args`. `env` adds or replaces variables; a variable
+// mapped to nullptr is removed. TRACE, TRACEFORMAT and TRACEFILE of the
+// test's own environment never reach the child unless given here.
+inline ChildResult runProgram(const std::string& program, const std::vector<std::string>& args,
+                              const std::map<std::string, const char*>& env = {},
+                              std::chrono::seconds timeLimit = childTimeLimit) {
   std::map<std::string, const char*> given = env;
   for (const char* name : {"TRACE", "TRACEFORMAT", "TRACEFILE"})
     given.emplace(name, nullptr);
@@ -129,8 +129,8 @@ inline ChildResult runChild(const std::vector<std::string>& args,
     // The write end stays open across exec, for the life of the child.
     ::fcntl(lifeline[1], F_SETFD, 0);
     std::vector<char*> argv;
-    std::string program = KESTO_TRACE_CHILD;
-    argv.push_back(program.data());
+    std::string programCopy = program;
+    argv.push_back(programCopy.data());
     std::vector<std::string> argsCopy = args;
     for (std::string& a : argsCopy)
       argv.push_back(a.data());
@@ -153,6 +153,13 @@ inline ChildResult runChild(const std::vector<std::string>& args,
   result.out = readWholeFile(outFile.path());
   result.err = readWholeFile(errFile.path());
   return result;
+}
+
+// runProgram() of the trace helper program.
+inline ChildResult runChild(const std::vector<std::string>& args,
+                            const std::map<std::string, const char*>& env = {},
+                            std::chrono::seconds timeLimit = childTimeLimit) {
+  return runProgram(KESTO_TRACE_CHILD, args, env, timeLimit);
 }
 
 } // namespace KestoTest
