@@ -109,6 +109,7 @@ TEST(FlightRecorder, NullDereferenceInTaskDumpsTaskAndHistoryAndDiesBySigsegv) {
   EXPECT_EQ(lines[0].rfind("signal 11 SIGSEGV code ", 0), 0u) << lines[0];
   EXPECT_NE(lines[0].find(" address 0x0000000000000000 pid "), std::string::npos) << lines[0];
   EXPECT_EQ(countOf(lines, "root main running task crasher scheduler main priority normal for "), 1u) << child.err;
+  EXPECT_EQ(countOf(lines, "run started and not ended"), 0u) << child.err;
   expectEndsInOrder(historyEvents(lines, "main"), warmupThenCrasher);
   EXPECT_EQ(lines.back(), "end");
 }
@@ -134,6 +135,7 @@ TEST(FlightRecorder, FailedAssertionInTaskDumpsAtTerminateAndDiesBySigabrt) {
   // The assertion's own line and the terminate handler's text still come.
   EXPECT_NE(child.err.find("mode.empty() with mode assert"), std::string::npos) << child.err;
   EXPECT_NE(child.err.find("terminate called after throwing an instance of"), std::string::npos) << child.err;
+  EXPECT_EQ(countOf(lines, "root main run started and not ended: N crasher"), 1u) << child.err;
   expectEndsInOrder(historyEvents(lines, "main"), warmupThenCrasher);
   // One dump: the abort() that follows the terminate handler is not dumped
   // again.
@@ -148,6 +150,10 @@ TEST(FlightRecorder, ExceptionThrownOutOfTaskExecuteDumpsAndDiesBySigabrt) {
   ASSERT_FALSE(lines.empty()) << child.err;
   EXPECT_EQ(lines[0].rfind("terminate pid ", 0), 0u) << lines[0];
   EXPECT_NE(child.err.find("what(): thrown out of the task"), std::string::npos) << child.err;
+  // The exception unwound the run before terminate: no running task, but
+  // the run that never ended is named.
+  EXPECT_EQ(countOf(lines, "root main no task running"), 1u) << child.err;
+  EXPECT_EQ(countOf(lines, "root main run started and not ended: N crasher"), 1u) << child.err;
   expectEndsInOrder(historyEvents(lines, "main"), warmupThenCrasher);
 }
 

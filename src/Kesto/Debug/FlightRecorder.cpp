@@ -184,6 +184,24 @@ void historyLines(LineWriter& w, const TaskSchedulerRoot& root, TaskTimeStamp no
   }
 }
 
+// A run whose anchor is gone but whose end was never recorded: the task an
+// exception left through, once the unwinding passed its run.
+void unfinishedRunLine(LineWriter& w, const TaskSchedulerRoot& root) noexcept {
+  const TaskSchedulerHistory* history = root.taskSchedulerHistory().get();
+  if (!history || root.currentlyRunningTask())
+    return;
+  for (unsigned i = 0; i < history->historyEventCount(); ++i) {
+    const TaskSchedulerHistory::Event& event = (*history)[i];
+    if (event.eventType == TaskSchedulerEventType::runEnd)
+      return;
+    if (event.eventType == TaskSchedulerEventType::runStart) {
+      w.text("root ").text(root.schedulerName().view()).text(" run started and not ended: ").text(event.identifier.view());
+      w.line();
+      return;
+    }
+  }
+}
+
 // The whole dump of the calling thread, after its first line.
 void dumpRoots(LineWriter& w) noexcept {
   const TaskTimeStamp now = taskClockNow();
@@ -195,6 +213,7 @@ void dumpRoots(LineWriter& w) noexcept {
         !::pthread_equal(slots[i].owner.load(std::memory_order_relaxed), self))
       continue;
     runningTaskLine(w, *root, *root, now);
+    unfinishedRunLine(w, *root);
     historyLines(w, *root, now);
     // Groups last: their set is a hash table that a crash in the middle of
     // its growth leaves unreadable; what is above is written by then.
