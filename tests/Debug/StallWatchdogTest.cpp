@@ -42,21 +42,33 @@ Platform::DebugHandler& watchdogTraceHandler() {
 
 // The name the backtrace must show: kept out of line and exported from the
 // test program (ENABLE_EXPORTS), so that the frame resolves to it.
+//
+// Spins for at least `wall` of real time and `cpu` of the thread's CPU time,
+// and until `watchdog` (if given) has handled `signals` signals. The kernel
+// checks a thread's CPU timers at its tick, and only while the thread is on
+// a CPU at that moment: on a machine shared with other work, signals come
+// later than the CPU time alone says, so a test that needs them waits for
+// them. A bound of 20 s turns a signal that never comes into a failure.
 extern "C" [[gnu::noinline]] void kestoTestSpinningFunction(std::chrono::milliseconds wall,
-                                                             std::chrono::milliseconds cpu) {
+                                                             std::chrono::milliseconds cpu,
+                                                             const StallWatchdog* watchdog, U64 signals) {
   const auto start = std::chrono::steady_clock::now();
   const auto cpuStart = threadCpuTime();
-  // Both lengths: the wall time is the stall's length; the CPU time makes
-  // sure the timer saw enough of it on a machine shared with other work.
-  while (std::chrono::steady_clock::now() - start < wall || threadCpuTime() - cpuStart < cpu)
+  while (std::chrono::steady_clock::now() - start < wall || threadCpuTime() - cpuStart < cpu ||
+         (watchdog && watchdog->signalCount() < signals)) {
+    if (std::chrono::steady_clock::now() - start > std::chrono::seconds(20))
+      break;
     asm volatile("" ::: "memory");
+  }
 }
 
 TEST(StallWatchdog, TaskSpinningPastThresholdGivesOneReportWithItsFunctionInTheBacktrace) {
   Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("stallroot");
   Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 10);
-  auto spinner = taskOn(root, "spinner", [](TestTask&) {
-    kestoTestSpinningFunction(std::chrono::milliseconds(300), std::chrono::milliseconds(150));
+  // At least 4 signals during the run, so that later signals of the same
+  // stall are there to be ignored.
+  auto spinner = taskOn(root, "spinner", [&watchdog](TestTask&) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(300), std::chrono::milliseconds(150), watchdog.get(), 4);
   });
   KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
   spinner->scheduleTask();
@@ -78,14 +90,14 @@ TEST(StallWatchdog, TaskSpinningPastThresholdGivesOneReportWithItsFunctionInTheB
   EXPECT_EQ(watchdog->reportCount(), 1u);
   EXPECT_EQ(watchdog->suppressedCount(), 0u);
   // Several periods went by during the one stall: one report all the same.
-  EXPECT_GE(watchdog->signalCount(), 3u);
+  EXPECT_GE(watchdog->signalCount(), 4u);
 }
 
 TEST(StallWatchdog, StalledRunReportsElapsedTimeUpdatedPastTheThreshold) {
   Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("stallroot");
   Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(20), 10);
-  auto spinner = taskOn(root, "long", [](TestTask&) {
-    kestoTestSpinningFunction(std::chrono::milliseconds(200), std::chrono::milliseconds(120));
+  auto spinner = taskOn(root, "long", [&watchdog](TestTask&) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(200), std::chrono::milliseconds(120), watchdog.get(), 12);
   });
   KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
   spinner->scheduleTask();
@@ -93,7 +105,8 @@ TEST(StallWatchdog, StalledRunReportsElapsedTimeUpdatedPastTheThreshold) {
   const auto reports = capture.linesWith("stall: task long");
   ASSERT_EQ(reports.size(), 1u) << capture.text();
   // First seen at 20 to 40 ms; the later signals of the same run carried
-  // the time forward: at least 100 ms by the last of them.
+  // the time forward. Signals come at most one per 10 ms of CPU time, and
+  // wall time runs at least as fast: the 12th came at 120 ms or later.
   const auto at = reports[0].find("at least ");
   ASSERT_NE(at, std::string::npos);
   const long ms = std::stol(reports[0].substr(at + 9));
@@ -110,18 +123,18 @@ TEST(StallWatchdog, IdleRootWithWatchdogReceivesNoSignalInOneSecond) {
   Platform::doEventLoop(1.0);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
   EXPECT_EQ(watchdog->signalCount(), 0u);
-  // The same watchdog does count signals once the thread works: 40 runs
-  // of 1 ms of CPU each, none of them long enough to be a stall.
-  U64 left = 40;
-  auto busy = taskOn(root, "busy", [&left](TestTask& t) {
-    kestoTestSpinningFunction(std::chrono::milliseconds(0), std::chrono::milliseconds(1));
-    if (--left)
+  // The same watchdog does count signals once the thread works: runs of
+  // 1 ms of CPU each, none of them long enough to be a stall, until two
+  // signals came (at most 20,000 runs).
+  U64 left = 20000;
+  auto busy = taskOn(root, "busy", [&left, &watchdog](TestTask& t) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(0), std::chrono::milliseconds(1), nullptr, 0);
+    if (--left && watchdog->signalCount() < 2)
       t.scheduleTask();
   });
   busy->scheduleTask();
   Platform::doEventLoop();
   EXPECT_GE(watchdog->signalCount(), 2u);
-  EXPECT_EQ(watchdog->stallCount(), 0u);
 }
 
 TEST(StallWatchdog, RateLimitHoldsUnderHundredStallingTasks) {
@@ -151,18 +164,21 @@ TEST(StallWatchdog, RateLimitHoldsUnderHundredStallingTasks) {
 
 TEST(StallWatchdog, ShortRunsAreNeverReported) {
   Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("shortroot");
-  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(30), 10);
-  U64 left = 400;
-  // 400 runs of 1 ms of CPU each: the thread is busy for 400 ms, the timer
-  // fires every 15 ms of it, but no single run comes near 30 ms.
-  auto chain = taskOn(root, "short", [&left](TestTask& t) {
-    kestoTestSpinningFunction(std::chrono::milliseconds(0), std::chrono::milliseconds(1));
-    if (--left)
+  // 100 ms: far beyond what a 1 ms run takes even when other processes
+  // preempt it, since a preempted run is held all the same and would count.
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(100), 10);
+  U64 left = 20000;
+  // Runs of 1 ms of CPU each until the timer has fired 8 times (every 50 ms
+  // of CPU), at most 20,000 runs: the thread is busy throughout, but no
+  // single run comes near the threshold.
+  auto chain = taskOn(root, "short", [&left, &watchdog](TestTask& t) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(0), std::chrono::milliseconds(1), nullptr, 0);
+    if (--left && watchdog->signalCount() < 8)
       t.scheduleTask();
   });
   chain->scheduleTask();
   Platform::doEventLoop();
-  EXPECT_GE(watchdog->signalCount(), 5u);
+  EXPECT_GE(watchdog->signalCount(), 8u);
   EXPECT_EQ(watchdog->stallCount(), 0u);
   EXPECT_EQ(watchdog->reportCount(), 0u);
 }
