@@ -2,11 +2,12 @@
 // their parent reads.
 //
 // Each child is the helper program debug_recorder_child, started with
-// ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_sigfpe=0. In a build with
-// AddressSanitizer the sanitizer would otherwise own SIGSEGV, report the
-// fault itself and exit with status 1; with its handlers off, the recorder's
-// handler is the one the application has, which is what these tests check.
-// In other builds the variable is read by nobody.
+// ASAN_OPTIONS and TSAN_OPTIONS both handle_segv=0:handle_sigbus=0:
+// handle_sigfpe=0. In a build with AddressSanitizer (or ThreadSanitizer) the
+// sanitizer would otherwise own SIGSEGV, report the fault itself and exit
+// with status 1 (66); with its handlers off, the recorder's handler is the
+// one the application has, which is what these tests check. In other builds
+// the variables are read by nobody.
 #include <Kesto/Debug/DebugHandler.h>
 #include <Kesto/Debug/FlightRecorder.h>
 #include <Kesto/Platform/Platform.h>
@@ -31,12 +32,14 @@ using KestoTest::ChildResult;
 
 namespace {
 
-constexpr const char* asanOptions = "handle_segv=0:handle_sigbus=0:handle_sigfpe=0";
+constexpr const char* sanitizerOptions = "handle_segv=0:handle_sigbus=0:handle_sigfpe=0";
 const std::string prefix = "KestoFlightRecorder: ";
 
 ChildResult runRecorderChild(const char* mode, const char* recorderFile = nullptr) {
   return KestoTest::runProgram(KESTO_RECORDER_CHILD, {mode},
-                               {{"ASAN_OPTIONS", asanOptions}, {FlightRecorder::fileEnvironmentVariable, recorderFile}});
+                               {{"ASAN_OPTIONS", sanitizerOptions},
+                                {"TSAN_OPTIONS", sanitizerOptions},
+                                {FlightRecorder::fileEnvironmentVariable, recorderFile}});
 }
 
 // The dump's lines, without the prefix, in the order written.
