@@ -4,6 +4,10 @@
 //
 //  - RootChain: one task that schedules itself again at every run, a batch of
 //    runs per Platform::doEventLoop() (the chain ends with its empty pass).
+//  - RootChainWatchdog: RootChain with a stall watchdog armed on the root
+//    (threshold 50 ms): what its CPU-time timer and signal cost a busy
+//    thread. It reports the signals handled per batch and the stalls seen,
+//    and fails if the watchdog saw no signal at all.
 //  - RootChainNoClock: RootChain with the scheduler's clock replaced by a
 //    counter, to show what its clock readings cost.
 //  - BareChain: one zero-delay libevent timer whose callback deletes,
@@ -17,6 +21,7 @@
 // also report, from an untimed run of at least 20,000 passes, the
 // scheduler's clock readings and the history events per pass (each task's
 // first and last run add a busy and an idle event).
+#include <Kesto/Debug/StallWatchdog.h>
 #include <Kesto/Platform/Libevent.h>
 #include <Kesto/Platform/Platform.h>
 #include <Kesto/Scheduler/Task.h>
@@ -76,8 +81,11 @@ U64 runsOf(const std::vector<Ptr<ChainTask>>& tasks, const Ptr<TaskSchedulerRoot
   return n;
 }
 
-void rootBench(benchmark::State& state, const std::vector<TaskPriority>& priorities) {
+void rootBench(benchmark::State& state, const std::vector<TaskPriority>& priorities, bool watchdogOn = false) {
   Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("bench");
+  Ptr<StallWatchdog> watchdog;
+  if (watchdogOn)
+    watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 10);
   U64 left = 0;
   std::vector<Ptr<ChainTask>> tasks;
   for (size_t i = 0; i < priorities.size(); ++i)
@@ -96,10 +104,20 @@ void rootBench(benchmark::State& state, const std::vector<TaskPriority>& priorit
     state.SkipWithError("the loop did not run the batch");
   state.counters["ns_per_run"] =
       benchmark::Counter(double(ran), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  if (watchdog) {
+    // A batch takes 25 ms of CPU or more, half a period: four batches must
+    // have seen a signal. Stalls are counted, not failed: on a loaded
+    // machine a run preempted for 50 ms is one, as the operator would see.
+    if (state.iterations() >= 4 && watchdog->signalCount() == 0)
+      state.SkipWithError("the watchdog saw no signal");
+    state.counters["signals_per_batch"] = double(watchdog->signalCount()) / double(state.iterations());
+    state.counters["stalls"] = double(watchdog->stallCount());
+  }
   perPassCounts(state, root, tasks, left);
 }
 
 void BM_RootChain(benchmark::State& state) { rootBench(state, {TaskPriority::normal}); }
+void BM_RootChainWatchdog(benchmark::State& state) { rootBench(state, {TaskPriority::normal}, true); }
 
 // The same with the scheduler's clock replaced by a counter: the difference
 // to RootChain is what the steady-clock readings of a pass cost.
@@ -172,6 +190,7 @@ void BM_BareMany(benchmark::State& state) { bareBench(state, 1000); }
 
 BENCHMARK(BM_BareChain)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RootChain)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RootChainWatchdog)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RootChainNoClock)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_BareMany)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RootMixed)->Unit(benchmark::kMillisecond);

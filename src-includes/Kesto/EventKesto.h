@@ -21,8 +21,10 @@
 #include <Kesto/Core/Types.h>
 #include <Kesto/Debug/DebugControl.h>
 #include <Kesto/Debug/DebugHandler.h>
+#include <Kesto/Debug/FlightRecorder.h>
 #include <Kesto/Debug/Loco.h>
 #include <Kesto/Debug/RefCounting.h>
+#include <Kesto/Debug/StallWatchdog.h>
 #include <Kesto/Debug/Trace.h>
 #include <Kesto/Platform/Libevent.h>
 #include <Kesto/Platform/LibeventControls.h>

@@ -82,6 +82,8 @@ public:
   U8 taskShouldYieldMode() const noexcept { return taskShouldYieldMode_; }
   U32 taskMagicNumber() const noexcept { return taskMagicNumber_; }
   TaskTimeStamp taskScheduleTime() const noexcept { return taskScheduleTime_; }
+  // Start of the current run, or of the last one when not running.
+  TaskTimeStamp lastTaskRunTimestamp() const noexcept { return lastTaskRunTimestamp_; }
 
   // --- test hooks -----------------------------------------------------------
   void taskRunAndRecordFromTest();

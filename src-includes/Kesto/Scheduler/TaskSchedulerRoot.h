@@ -43,12 +43,14 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <memory>
 #include <thread>
 #include <unordered_set>
 
 namespace Kesto {
 
+class StallWatchdog;
 class TimerWheel;
 
 // Non-zero switches the thread check off for every root. Nothing in this
@@ -176,6 +178,8 @@ protected:
   explicit TaskSchedulerRoot(const String& name);
 
 private:
+  friend class StallWatchdog;
+
   [[noreturn, gnu::cold]] void failWrongThread() const;
 
   Schedulers schedulers_;
@@ -189,6 +193,10 @@ private:
   bool isMainThread_;
   U8 testYieldRatio_ = 0;
   unsigned int jitterSeed_ = 0;
+  // The armed stall watchdog, if any, and its signal handler's note that a
+  // report waits to be written at the start of the next pass.
+  StallWatchdog* stallWatchdog_ = nullptr;
+  std::atomic<bool> stallReportPending_{false};
 };
 
 // The calling thread's shared root, made at first use: "main" on the main

@@ -3,7 +3,10 @@
 #include <Kesto/Core/System.h>
 #include <Kesto/Platform/Platform.h>
 #include <Kesto/TimerWheel/TimerWheel.h>
+#include <Kesto/Debug/StallWatchdog.h>
 #include <Kesto/Debug/Trace.h>
+
+#include "Debug/RootRegistry.h"
 
 #include <fmt/format.h>
 
@@ -68,9 +71,11 @@ TaskSchedulerRoot::TaskSchedulerRoot(const String& name)
   threadNameOf(pthread_self(), threadName_);
   registerScheduler(this);
   virtualTimeCheck();
+  Debug::Impl::rootRegistryAdd(this);
 }
 
 TaskSchedulerRoot::~TaskSchedulerRoot() {
+  Debug::Impl::rootRegistryRemove(this);
   unregisterScheduler(this);
   timerWheel_.reset();
   callbackControl_ = nullptr;
@@ -175,6 +180,10 @@ void TaskSchedulerRoot::callback() { handleSchedulerRun(); }
 // --- running ------------------------------------------------------------------------------
 
 bool TaskSchedulerRoot::handleSchedulerRun() {
+  // Set by the stall watchdog's signal handler during a long run; the report
+  // is written here, between two runs, where formatting is allowed.
+  if (stallReportPending_.load(std::memory_order_relaxed)) [[unlikely]]
+    stallWatchdog_->writePendingReport();
   virtualTimeCheck();
   return _handleSchedulerRun(TaskPriority::scavenge);
 }

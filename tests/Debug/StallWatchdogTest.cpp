@@ -1,0 +1,193 @@
+// The stall watchdog on a real root, a real CPU-time timer and its signal.
+//
+// The stalls here are real: a task spins on the CPU, since only consumed CPU
+// time moves the watchdog's clock. Each spin is bounded by what it waits for
+// (the watchdog having seen it, or a wall-clock length), never by a sleep.
+#include <Kesto/Debug/DebugHandler.h>
+#include <Kesto/Debug/StallWatchdog.h>
+#include <Kesto/Platform/Platform.h>
+#include <Kesto/Scheduler/TaskSchedulerRoot.h>
+
+#include <KestoSupport/TestScheduler.h>
+#include <KestoSupport/TraceCapture.h>
+
+#include <gtest/gtest.h>
+
+#include <time.h>
+
+#include <chrono>
+#include <string>
+
+using namespace Kesto;
+using KestoTest::TestTask;
+
+namespace {
+
+std::chrono::nanoseconds threadCpuTime() {
+  timespec ts{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec);
+}
+
+Ptr<TestTask> taskOn(const Ptr<TaskSchedulerRoot>& root, const char* name, TestTask::Body body) {
+  return Ptr<TestTask>(new TestTask(root, TaskPriority::normal, name, std::move(body)));
+}
+
+Platform::DebugHandler& watchdogTraceHandler() {
+  static Ptr<Platform::DebugHandler> handler = Platform::getDebugHandler("KestoStallWatchdog");
+  return *handler;
+}
+
+} // namespace
+
+// The name the backtrace must show: kept out of line and exported from the
+// test program (ENABLE_EXPORTS), so that the frame resolves to it.
+//
+// Spins for at least `wall` of real time and `cpu` of the thread's CPU time,
+// and until `watchdog` (if given) has handled `signals` signals. The kernel
+// checks a thread's CPU timers at its tick, and only while the thread is on
+// a CPU at that moment: on a machine shared with other work, signals come
+// later than the CPU time alone says, so a test that needs them waits for
+// them. A bound of 20 s turns a signal that never comes into a failure.
+extern "C" [[gnu::noinline]] void kestoTestSpinningFunction(std::chrono::milliseconds wall,
+                                                             std::chrono::milliseconds cpu,
+                                                             const StallWatchdog* watchdog, U64 signals) {
+  const auto start = std::chrono::steady_clock::now();
+  const auto cpuStart = threadCpuTime();
+  while (std::chrono::steady_clock::now() - start < wall || threadCpuTime() - cpuStart < cpu ||
+         (watchdog && watchdog->signalCount() < signals)) {
+    if (std::chrono::steady_clock::now() - start > std::chrono::seconds(20))
+      break;
+    asm volatile("" ::: "memory");
+  }
+}
+
+TEST(StallWatchdog, TaskSpinningPastThresholdGivesOneReportWithItsFunctionInTheBacktrace) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("stallroot");
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 10);
+  // At least 4 signals during the run, so that later signals of the same
+  // stall are there to be ignored.
+  auto spinner = taskOn(root, "spinner", [&watchdog](TestTask&) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(300), std::chrono::milliseconds(150), watchdog.get(), 4);
+  });
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  spinner->scheduleTask();
+  Platform::doEventLoop();
+  const auto reports = capture.linesWith("stall: task");
+  ASSERT_EQ(reports.size(), 1u) << capture.text();
+  EXPECT_NE(reports[0].find("KestoStallWatchdog 1 StallWatchdog::writePendingReport() stall: task spinner of "
+                            "scheduler stallroot priority normal ran for at least "),
+            std::string::npos)
+      << reports[0];
+  EXPECT_NE(reports[0].find("(threshold 50ms)"), std::string::npos) << reports[0];
+  const auto frames = capture.linesWith("stall backtrace #");
+  EXPECT_GE(frames.size(), 3u);
+  bool spinFound = false;
+  for (const auto& frame : frames)
+    spinFound = spinFound || frame.find("kestoTestSpinningFunction") != std::string::npos;
+  EXPECT_TRUE(spinFound) << capture.text();
+  EXPECT_EQ(watchdog->stallCount(), 1u);
+  EXPECT_EQ(watchdog->reportCount(), 1u);
+  EXPECT_EQ(watchdog->suppressedCount(), 0u);
+  // Several periods went by during the one stall: one report all the same.
+  EXPECT_GE(watchdog->signalCount(), 4u);
+}
+
+TEST(StallWatchdog, StalledRunReportsElapsedTimeUpdatedPastTheThreshold) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("stallroot");
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(20), 10);
+  auto spinner = taskOn(root, "long", [&watchdog](TestTask&) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(200), std::chrono::milliseconds(120), watchdog.get(), 12);
+  });
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  spinner->scheduleTask();
+  Platform::doEventLoop();
+  const auto reports = capture.linesWith("stall: task long");
+  ASSERT_EQ(reports.size(), 1u) << capture.text();
+  // First seen at 20 to 40 ms; the later signals of the same run carried
+  // the time forward. Signals come at most one per 10 ms of CPU time, and
+  // wall time runs at least as fast: the 12th came at 120 ms or later.
+  const auto at = reports[0].find("at least ");
+  ASSERT_NE(at, std::string::npos);
+  const long ms = std::stol(reports[0].substr(at + 9));
+  EXPECT_NE(reports[0].find("ms (threshold 20ms)", at), std::string::npos) << reports[0];
+  EXPECT_GE(ms, 100) << reports[0];
+}
+
+TEST(StallWatchdog, IdleRootWithWatchdogReceivesNoSignalInOneSecond) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("idleroot");
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(10), 10);
+  const auto start = std::chrono::steady_clock::now();
+  // The loop waits in the kernel for one second of real time: the thread
+  // consumes next to no CPU time, and its CPU-time timer never expires.
+  Platform::doEventLoop(1.0);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
+  EXPECT_EQ(watchdog->signalCount(), 0u);
+  // The same watchdog does count signals once the thread works: runs of
+  // 1 ms of CPU each, none of them long enough to be a stall, until two
+  // signals came (at most 20,000 runs).
+  U64 left = 20000;
+  auto busy = taskOn(root, "busy", [&left, &watchdog](TestTask& t) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(0), std::chrono::milliseconds(1), nullptr, 0);
+    if (--left && watchdog->signalCount() < 2)
+      t.scheduleTask();
+  });
+  busy->scheduleTask();
+  Platform::doEventLoop();
+  EXPECT_GE(watchdog->signalCount(), 2u);
+}
+
+TEST(StallWatchdog, RateLimitHoldsUnderHundredStallingTasks) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("rateroot");
+  constexpr U32 perMinute = 3;
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(8), perMinute);
+  std::vector<Ptr<TestTask>> tasks;
+  for (int i = 0; i < 100; ++i) {
+    tasks.push_back(taskOn(root, "staller", [&watchdog](TestTask&) {
+      // Spins until the watchdog has seen this run stall; a bound of 10 s
+      // turns a watchdog that never sees it into a failure, not a hang.
+      const U64 before = watchdog->stallCount();
+      const auto start = std::chrono::steady_clock::now();
+      while (watchdog->stallCount() == before && std::chrono::steady_clock::now() - start < std::chrono::seconds(10))
+        asm volatile("" ::: "memory");
+    }));
+  }
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  for (auto& t : tasks)
+    t->scheduleTask();
+  Platform::doEventLoop();
+  EXPECT_EQ(watchdog->stallCount(), 100u);
+  EXPECT_EQ(watchdog->reportCount(), perMinute);
+  EXPECT_EQ(watchdog->suppressedCount(), 100u - perMinute);
+  EXPECT_EQ(capture.linesWith("stall: task staller").size(), perMinute) << capture.text();
+}
+
+TEST(StallWatchdog, ShortRunsAreNeverReported) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("shortroot");
+  // 100 ms: far beyond what a 1 ms run takes even when other processes
+  // preempt it, since a preempted run is held all the same and would count.
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(100), 10);
+  U64 left = 20000;
+  // Runs of 1 ms of CPU each until the timer has fired 8 times (every 50 ms
+  // of CPU), at most 20,000 runs: the thread is busy throughout, but no
+  // single run comes near the threshold.
+  auto chain = taskOn(root, "short", [&left, &watchdog](TestTask& t) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(0), std::chrono::milliseconds(1), nullptr, 0);
+    if (--left && watchdog->signalCount() < 8)
+      t.scheduleTask();
+  });
+  chain->scheduleTask();
+  Platform::doEventLoop();
+  EXPECT_GE(watchdog->signalCount(), 8u);
+  EXPECT_EQ(watchdog->stallCount(), 0u);
+  EXPECT_EQ(watchdog->reportCount(), 0u);
+}
+
+TEST(StallWatchdog, SecondWatchdogOnOneRootIsRefused) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("oneroot");
+  Ptr<StallWatchdog> first = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 1);
+  EXPECT_THROW(StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 1), RuntimeException);
+  first = nullptr;
+  // Disarmed with its last reference: the root takes a new one.
+  EXPECT_NO_THROW(StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 1));
+}
