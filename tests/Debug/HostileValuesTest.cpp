@@ -48,7 +48,7 @@ struct SpecCase {
 
 } // namespace
 
-TEST_F(DebugHostileValues, TraceSpecificationsOfHostileTextsGiveTheControlsOfTheLanguage) {
+TEST_F(DebugHostileValues, TraceSettingsOfHostileTextsGiveTheControlsOfTheLanguage) {
   const std::vector<SpecCase> cases = {
       {"empty", "", "", false, -1},
       {"slash alone: empty name, no levels", "/", "", false, 0},
