@@ -5,7 +5,8 @@
 #   make test                 build and run every test
 #   make test SANITIZE=address,undefined
 #                             the same suite under the sanitizers
-#   make bench                build and run the benchmarks
+#   make bench                build and run the benchmarks, then the summary
+#                             table of bench/summary.sh
 #   make fuzz [FUZZ_SECONDS=60]
 #                             build the fuzz targets with clang and run each
 #                             for FUZZ_SECONDS under the sanitizers
@@ -78,6 +79,7 @@ demo: configure
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+	@bench/summary.sh $(BUILD_DIR)
 
 fuzz: fuzz-deps
 	cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
