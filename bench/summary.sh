@@ -62,18 +62,18 @@ awk -F'\t' -v reps="$reps" '
     refText = "-"; ratio = "-"
     if (ref != "-") {
       rm = pick(ref, "median", rfield) * scale; rs = pick(ref, "stddev", rfield) * scale
-      refText = sprintf("%.1f ± %.1f", rm, rs)
-      if (rm > 0) ratio = sprintf("%.2f×", m / rm)
+      refText = sprintf("%.1f +- %.1f", rm, rs)
+      if (rm > 0) ratio = sprintf("%.2fx", m / rm)
     }
     if (kind == "ratio") verdict = (rm > 0 && m / rm <= target) ? "met" : "missed"
     else if (kind == "below") verdict = (rm > 0 && m < rm) ? "met" : "missed"
     else verdict = (m <= target) ? "met" : "missed"
-    printf "%-34s %16s %18s %8s %10s %7s\n", label, sprintf("%.1f ± %.1f", m, s), refText, ratio,
-      (kind == "ratio" ? "≤ " target "×" : kind == "below" ? "< 1×" : "≤ " target " ns"), verdict
+    printf "%-34s %16s %18s %8s %10s %7s\n", label, sprintf("%.1f +- %.1f", m, s), refText, ratio,
+      (kind == "ratio" ? "<= " target "x" : kind == "below" ? "< 1x" : "<= " target " ns"), verdict
   }
   { val[$1, $2, $3] = $4 }
   END {
-    printf "\nSummary: ns, median ± standard deviation of %d runs; reference measured in the same process\n", reps
+    printf "\nSummary: ns, median +- standard deviation of %d runs; reference measured in the same process\n", reps
     printf "%-34s %16s %18s %8s %10s %7s\n", "figure", "ours", "reference", "ratio", "target", ""
     row("dispatch, one task run (libevent chain)", "BM_RootChain", "ns_per_run", "BM_BareChain", "ns_per_run", 1e9, "ratio", 1.25)
     row("scheduler pass, history on", "BM_SchedulerPass", "cpu_time", "-", "", 1, "ns", 100)
