@@ -187,7 +187,10 @@ const char* brokenPromise(U64 ticks, I64 nanos, U64 multiplier, const Pair& pair
 } // namespace
 
 I64 steadyClockSlow() noexcept {
-  std::call_once(started, start);
+  // call_once itself writes thread-locals and calls pthread_once: kept off
+  // the fallback's every reading and the counter's every re-anchoring.
+  if (source.load(std::memory_order_acquire) == notStarted) [[unlikely]]
+    std::call_once(started, start);
   SteadyClockAnchor& a = steadyClockAnchor;
   for (unsigned spins = 0;; ++spins) {
     if (source.load(std::memory_order_acquire) != counterSource)

@@ -45,11 +45,15 @@ inline U64 orderedCounter() noexcept {
 
 inline I64 steadyClockRead() noexcept {
   SteadyClockAnchor& a = steadyClockAnchor;
+  // Not started, or the fallback: no counter read, straight to
+  // CLOCK_MONOTONIC (the counter and its fence would be 15 ns for nothing).
+  const U64 interval = a.intervalTicks.load(std::memory_order_relaxed);
+  if (interval == 0) [[unlikely]]
+    return steadyClockSlow();
   const U64 sequence = a.sequence.load(std::memory_order_acquire);
   const U64 counter = orderedCounter();
   const U64 ticks = a.ticks.load(std::memory_order_relaxed);
   const I64 nanos = a.nanos.load(std::memory_order_relaxed);
-  const U64 interval = a.intervalTicks.load(std::memory_order_relaxed);
   const U64 multiplier = a.multiplier.load(std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_acquire);
   const U64 elapsed = counter - ticks; // wraps to huge when before the anchor
