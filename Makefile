@@ -8,7 +8,8 @@
 #   make test SANITIZE=thread the tests that run more than one thread (ctest
 #                             label `threads`) under ThreadSanitizer; only
 #                             their executables are built
-#   make bench                build and run the benchmarks
+#   make bench                build and run the benchmarks, then the summary
+#                             table of bench/summary.sh
 #   make soak [SOAK_SECONDS=600]
 #                             the example agent in real time with a report
 #                             every second to a slow reader; fails if its
@@ -105,6 +106,7 @@ demo: configure
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+	@bench/summary.sh $(BUILD_DIR)
 
 # Ten minutes of real time by default: not part of `make test`.
 SOAK_SECONDS ?= 600

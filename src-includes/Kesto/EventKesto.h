@@ -33,6 +33,7 @@
 #include <Kesto/Platform/PlatformControls.h>
 #include <Kesto/Platform/PlatformEventPriority.h>
 #include <Kesto/Platform/PlatformHandlers.h>
+#include <Kesto/Platform/SteadyClock.h>
 #include <Kesto/Platform/Time.h>
 #include <Kesto/Report/AgentEndpoint.h>
 #include <Kesto/Report/SnapshotShow.h>

@@ -4,6 +4,7 @@
 #include <Kesto/Core/Exception.h>
 #include <Kesto/Platform/Libevent.h>
 #include <Kesto/Platform/Platform.h>
+#include <Kesto/Platform/SteadyClock.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,11 +27,13 @@ namespace Kesto::PlatformTest {
 // How much later than asked a timeout may expire, and how much further a
 // jump of virtual time may go than the exact distance: the base's coarse
 // clock trails CLOCK_MONOTONIC by less than one of its ticks, and timeouts
-// are lengthened by that lag plus 2 µs of rounding so they are never early.
+// are lengthened by that lag plus 2 µs of rounding plus the library clock's
+// error bound, so they are never early.
 inline double baseClockSlack() {
   timespec resolution;
   clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
-  return double(resolution.tv_sec) + double(resolution.tv_nsec) / 1e9 + 3e-6;
+  return double(resolution.tv_sec) + double(resolution.tv_nsec) / 1e9 + 3e-6 +
+         double(steadyClockErrorBoundNanos) / 1e9;
 }
 
 // Timer delays from a millisecond to ten seconds, for tests that arm each of

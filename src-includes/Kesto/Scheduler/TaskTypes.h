@@ -9,15 +9,18 @@
 //    latencies and run-time high-water marks.
 //  - TaskKey: the address of a task or scheduler, for the life of a report.
 //
-// taskClockNow() is the one place the scheduler reads the steady clock. A
-// test may install its own clock with taskClockFnIs() so that run times and
-// latencies are exact; without one the cost is a load and a predicted branch.
+// taskClockNow() is the one place the scheduler reads the steady clock, the
+// library's (Kesto/Platform/SteadyClock.h), which has CLOCK_MONOTONIC's origin
+// like std::chrono::steady_clock. A test may install its own clock with
+// taskClockFnIs() so that run times and latencies are exact; without one the
+// cost is a load and a predicted branch.
 #pragma once
 
 #include <Kesto/Common/Export.h>
 
 #include <Kesto/Core/String.h>
 #include <Kesto/Core/Types.h>
+#include <Kesto/Platform/SteadyClock.h>
 #include <Kesto/Platform/Time.h>
 
 #include <fmt/format.h>
@@ -44,7 +47,7 @@ extern KESTO_EXPORT TaskClockFn taskClockFn;
 inline TaskTimeStamp taskClockNow() noexcept {
   if (Impl::TaskClockFn fn = Impl::taskClockFn) [[unlikely]]
     return fn();
-  return std::chrono::steady_clock::now();
+  return TaskTimeStamp(TaskTimeDuration(steadyClockNanos()));
 }
 
 // Installs a replacement clock (null restores the steady clock). For tests.

@@ -3,6 +3,7 @@
 
 #include <Kesto/Core/Publisher.h>
 #include <Kesto/Platform/Libevent.h>
+#include <Kesto/Platform/SteadyClock.h>
 
 #include <event2/event.h>
 #include <event2/event_struct.h>
@@ -86,9 +87,13 @@ inline timeval coarseClockLagFloor() noexcept { return microsecondsToTimeval(coa
 inline void refreshBaseTime() noexcept { event_base_update_cache_time(ev_base); }
 
 // The relative timeout to give event_add so that the event expires no
-// earlier than `tv` from now on CLOCK_MONOTONIC. Beyond the lag, 2 µs cover
+// earlier than `tv` from now on Kesto::time(). Beyond the lag, 2 µs cover
 // libevent truncating its clock to microseconds and `tv` having been
-// truncated from seconds. Refreshes the base's cached time.
+// truncated from seconds, and steadyClockErrorBoundNanos covers the library's
+// clock: it trails CLOCK_MONOTONIC by between 0 and that bound, so it can
+// gain on CLOCK_MONOTONIC by no more than the bound between the arming and
+// the expiry (docs/Platform/SteadyClock.md). Refreshes the base's cached
+// time.
 inline timeval forBaseClock(timeval tv) noexcept {
   if (tv.tv_sec < 0 || (tv.tv_sec == 0 && tv.tv_usec <= 0))
     return tv;
@@ -99,7 +104,8 @@ inline timeval forBaseClock(timeval tv) noexcept {
   timespec coarse;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &coarse);
   refreshBaseTime();
-  const timeval lag = microsecondsToTimeval((coarseClockLagNanosSince(coarse) + 999) / 1000 + 2);
+  constexpr long clockBoundMicros = (steadyClockErrorBoundNanos + 999) / 1000;
+  const timeval lag = microsecondsToTimeval((coarseClockLagNanosSince(coarse) + 999) / 1000 + 2 + clockBoundMicros);
   timeval result;
   timeradd(&tv, &lag, &result);
   return result;

@@ -1,7 +1,6 @@
 #include <Kesto/Platform/Libevent.h>
 #include <Kesto/Platform/Time.h>
-
-#include <ctime>
+#include "Platform/SteadyClockImpl.h"
 
 namespace Kesto {
 
@@ -13,9 +12,13 @@ double leVirtualTimeOffset() noexcept {
 }
 
 Time time() noexcept {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return double(ts.tv_nsec) / 1e9 + double(ts.tv_sec) + leVirtualTimeOffset();
+  // The reading is scaled by a multiplication, not a division: it waits for
+  // the counter, so its latency adds to the call's. The offset's conversion
+  // does not depend on the counter and overlaps with it. Nanoseconds since
+  // boot stay exact in a double for 104 days (2^53 ns); after that a
+  // reading rounds to 2 ns. The offset stays a double of its own: it may be
+  // far beyond what 64-bit nanoseconds hold.
+  return double(Platform::Impl::steadyClockRead()) * 1e-9 + leVirtualTimeOffset();
 }
 
 } // namespace Kesto
