@@ -28,6 +28,8 @@
 // short then, for example: TRACE=TaskScheduler/8 demo_agent 0.05 1
 #include <Kesto/EventKesto.h>
 
+#include "AgentWorkload.h"
+
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -45,139 +47,7 @@ using namespace Kesto;
 
 namespace {
 
-// Messages on the socketpair: one datagram each, so that a read never has
-// to keep a partial message between runs.
-struct Message {
-  U64 sequence;
-  U64 sentAtNanos; // Kesto::time() of the sender, for the transit figure
-  std::array<char, 48> payload;
-};
-static_assert(sizeof(Message) == 64);
-
-U64 nanosOf(double seconds) { return U64(seconds * 1e9); }
-
-// The demo's tasks are plain heap objects: each concrete task class brings
-// its own deallocation.
-#define DEMO_TASK_DELETE \
-  static void operator delete(void* p) { ::operator delete(p); }
-
-// Works off a backlog of items, each a hash over a block of memory, in
-// slices that end when the task has used its quantum.
-class Cruncher : public Task {
-public:
-  explicit Cruncher(const Ptr<TaskScheduler>& s) : Task(s, TaskPriority::low, "cruncher") {}
-  DEMO_TASK_DELETE
-
-  void more(U32 items) {
-    backlog_ += items;
-    if (!taskScheduled() && !taskCurrentlyRunning())
-      scheduleTask();
-  }
-  U64 itemsDone() const { return itemsDone_; }
-  U64 checksum() const { return checksum_; }
-
-  void taskExecute() override {
-    U32 done = 0;
-    while (backlog_ != 0 && !taskShouldYield()) {
-      checksum_ = hashBlock(checksum_ + itemsDone_);
-      --backlog_;
-      ++itemsDone_;
-      ++done;
-    }
-    taskWorkCountInc(done);
-    taskWorkPendingIs(backlog_);
-    if (backlog_ != 0)
-      scheduleTask();
-  }
-
-private:
-  U64 hashBlock(U64 seed) {
-    U64 h = 1469598103934665603ULL ^ seed;
-    for (unsigned char c : block_) {
-      h ^= c;
-      h *= 1099511628211ULL;
-    }
-    block_[seed % block_.size()] = static_cast<unsigned char>(h);
-    return h;
-  }
-
-  std::array<unsigned char, 256> block_{};
-  U32 backlog_ = 0;
-  U64 itemsDone_ = 0;
-  U64 checksum_ = 0;
-};
-
-// Reads messages off its end of the socketpair. The loop only queues its read
-// task; the reading happens here, at high priority, as one task among others.
-class Ingest : public FileDescriptorTask {
-public:
-  Ingest(const Ptr<TaskScheduler>& s, int fd, Cruncher* cruncher)
-      : FileDescriptorTask(s, TaskPriority::high, "ingest"), cruncher_(cruncher) {
-    taskWatchFdIs(fd);
-  }
-  DEMO_TASK_DELETE
-
-  U64 received() const { return received_; }
-  double maxTransitSeconds() const { return double(maxTransitNanos_) / 1e9; }
-
-  void taskExecuteReadable() override {
-    Message m;
-    U32 messages = 0;
-    for (;;) {
-      if (::recv(taskWatchFd(), &m, sizeof(m), 0) != ssize_t(sizeof(m)))
-        break; // EAGAIN: drained; the persistent read event brings us back
-      const U64 now = nanosOf(Kesto::time());
-      if (now - m.sentAtNanos > maxTransitNanos_)
-        maxTransitNanos_ = now - m.sentAtNanos;
-      ++messages;
-      if (taskShouldYield()) {
-        scheduleTaskReadable(); // more may be waiting; yield to others first
-        break;
-      }
-    }
-    received_ += messages;
-    taskWorkCountInc(messages);
-    cruncher_->more(messages);
-  }
-  void taskExecuteWritable() override {}
-
-private:
-  Cruncher* cruncher_;
-  U64 received_ = 0;
-  U64 maxTransitNanos_ = 0;
-};
-
-// Writes a burst of messages every 100 ms, less a random part of up to half.
-class Feed : public TimerTask {
-public:
-  Feed(const Ptr<TaskScheduler>& s, int fd) : TimerTask(s, TaskPriority::normal, "feed"), fd_(fd) {}
-  DEMO_TASK_DELETE
-
-  U64 sent() const { return sent_; }
-  U64 refused() const { return refused_; }
-
-  void taskExecute() override {
-    const unsigned burst = 1 + unsigned(sent_ % 4);
-    for (unsigned i = 0; i < burst; ++i) {
-      Message m{};
-      m.sequence = sent_;
-      m.sentAtNanos = nanosOf(Kesto::time());
-      fmt::format_to_n(m.payload.data(), m.payload.size() - 1, "message {}", sent_);
-      if (::send(fd_, &m, sizeof(m), 0) != ssize_t(sizeof(m))) {
-        ++refused_; // the reader fell behind by a whole socket buffer
-        break;
-      }
-      ++sent_;
-    }
-    taskWorkCountInc(burst);
-    scheduleTaskJitterDown(0.100, 50);
-  }
-
-private:
-  int fd_;
-  U64 sent_ = 0;
-  U64 refused_ = 0;
-};
+using namespace KestoExample;
 
 // Beats once a second, plus up to 5%, and checks how late its timer came.
 // A timer never fires before its time, so the lateness is never negative.
@@ -185,7 +55,7 @@ class Heartbeat : public TimerTask {
 public:
   Heartbeat(const Ptr<TaskScheduler>& s, Task* compactor)
       : TimerTask(s, TaskPriority::high, "heartbeat"), compactor_(compactor) {}
-  DEMO_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   void start() {
     scheduleTaskJitterUp(1.0, 5);
@@ -220,7 +90,7 @@ class Audit : public TimerTask {
 public:
   Audit(const Ptr<TaskScheduler>& s, const Feed* feed, const Ingest* ingest)
       : TimerTask(s, TaskPriority::absolute, "audit"), feed_(feed), ingest_(ingest) {}
-  DEMO_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   U64 audits() const { return audits_; }
   U64 maxInFlight() const { return maxInFlight_; }
@@ -244,7 +114,7 @@ private:
 class Compactor : public Task {
 public:
   explicit Compactor(const Ptr<TaskScheduler>& s) : Task(s, TaskPriority::scavenge, "compactor") {}
-  DEMO_TASK_DELETE
+  EXAMPLE_TASK_DELETE
   void taskExecute() override { taskWorkCountInc(1); }
 };
 
@@ -253,7 +123,7 @@ class Shard : public TimerTask {
 public:
   Shard(const Ptr<TaskScheduler>& group, unsigned index)
       : TimerTask(group, index % 4 == 0 ? TaskPriority::high : TaskPriority::normal, "shard"), index_(index) {}
-  DEMO_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   void taskExecute() override {
     for (unsigned i = 0; i < 64; ++i)
@@ -274,7 +144,7 @@ class Operator : public TimerTask {
 public:
   Operator(const Ptr<TaskSchedulerRoot>& root, const Ptr<TaskGroup>& indexer)
       : TimerTask(root, TaskPriority::absolute, "operator"), root_(root.get()), indexer_(indexer.get()) {}
-  DEMO_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   void start() {
     startedAt_ = Kesto::time();

@@ -22,6 +22,8 @@
 //   SOAK_SECONDS=600 SOAK_SAMPLE_SECONDS=10 soak_agent      (the defaults)
 #include <Kesto/EventKesto.h>
 
+#include "AgentWorkload.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -43,6 +45,8 @@ using namespace Kesto;
 
 namespace {
 
+using namespace KestoExample;
+
 #if defined(__SANITIZE_ADDRESS__)
 // The address sanitizer keeps freed memory in quarantine (up to 256 MiB)
 // before reuse, so resident memory grows by design there: only the
@@ -51,9 +55,6 @@ constexpr bool judgeResidentSet = false;
 #else
 constexpr bool judgeResidentSet = true;
 #endif
-
-#define SOAK_TASK_DELETE \
-  static void operator delete(void* p) { ::operator delete(p); }
 
 double envSeconds(const char* name, double fallback) {
   const char* text = std::getenv(name);
@@ -69,106 +70,13 @@ double envSeconds(const char* name, double fallback) {
 }
 
 // ---- the workload -------------------------------------------------------------
-
-struct Message {
-  U64 sequence;
-  std::array<char, 56> payload;
-};
-
-class Cruncher : public Task {
-public:
-  explicit Cruncher(const Ptr<TaskScheduler>& s) : Task(s, TaskPriority::low, "cruncher") {}
-  SOAK_TASK_DELETE
-
-  void more(U32 items) {
-    backlog_ += items;
-    if (!taskScheduled() && !taskCurrentlyRunning())
-      scheduleTask();
-  }
-  U64 itemsDone() const { return itemsDone_; }
-
-  void taskExecute() override {
-    U32 done = 0;
-    while (backlog_ != 0 && !taskShouldYield()) {
-      for (unsigned i = 0; i < 512; ++i)
-        state_ = state_ * 6364136223846793005ULL + 1442695040888963407ULL;
-      --backlog_;
-      ++itemsDone_;
-      ++done;
-    }
-    taskWorkCountInc(done);
-    taskWorkPendingIs(backlog_);
-    if (backlog_ != 0)
-      scheduleTask();
-  }
-
-private:
-  U32 backlog_ = 0;
-  U64 itemsDone_ = 0;
-  U64 state_ = 0;
-};
-
-class Ingest : public FileDescriptorTask {
-public:
-  Ingest(const Ptr<TaskScheduler>& s, int fd, Cruncher* cruncher)
-      : FileDescriptorTask(s, TaskPriority::high, "ingest"), cruncher_(cruncher) {
-    taskWatchFdIs(fd);
-  }
-  SOAK_TASK_DELETE
-
-  U64 received() const { return received_; }
-
-  void taskExecuteReadable() override {
-    Message m;
-    U32 messages = 0;
-    while (::recv(taskWatchFd(), &m, sizeof m, 0) == ssize_t(sizeof m)) {
-      ++messages;
-      if (taskShouldYield()) {
-        scheduleTaskReadable();
-        break;
-      }
-    }
-    received_ += messages;
-    taskWorkCountInc(messages);
-    cruncher_->more(messages);
-  }
-  void taskExecuteWritable() override {}
-
-private:
-  Cruncher* cruncher_;
-  U64 received_ = 0;
-};
-
-class Feed : public TimerTask {
-public:
-  Feed(const Ptr<TaskScheduler>& s, int fd) : TimerTask(s, TaskPriority::normal, "feed"), fd_(fd) {}
-  SOAK_TASK_DELETE
-
-  U64 sent() const { return sent_; }
-
-  void taskExecute() override {
-    const unsigned burst = 1 + unsigned(sent_ % 8);
-    for (unsigned i = 0; i < burst; ++i) {
-      Message m{};
-      m.sequence = sent_;
-      fmt::format_to_n(m.payload.data(), m.payload.size() - 1, "message {}", sent_);
-      if (::send(fd_, &m, sizeof m, 0) != ssize_t(sizeof m))
-        break;
-      ++sent_;
-    }
-    taskWorkCountInc(burst);
-    scheduleTaskJitterDown(0.020, 50);
-  }
-
-private:
-  int fd_;
-  U64 sent_ = 0;
-};
+// The feed, the reader and the cruncher are the example agents' shared ones
+// (AgentWorkload.h), the feed five times as fast as in the demo.
 
 class Heartbeat : public TimerTask {
 public:
   explicit Heartbeat(const Ptr<TaskScheduler>& s) : TimerTask(s, TaskPriority::high, "heartbeat") {}
-  SOAK_TASK_DELETE
+  EXAMPLE_TASK_DELETE
   void taskExecute() override { scheduleTaskJitterUp(1.0, 5); }
 };
 
@@ -178,7 +86,7 @@ class Job : public Task {
 public:
   Job(const Ptr<TaskScheduler>& s, const String& name, unsigned runs)
       : Task(s, TaskPriority::normal, name), runsLeft_(runs) {}
-  SOAK_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   bool finished() const { return runsLeft_ == 0; }
 
@@ -198,7 +106,7 @@ public:
     for (unsigned i = 0; i < names_.size(); ++i)
       names_[i] = String::dedup(fmt::format("job-{}", i));
   }
-  SOAK_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   U64 spawned() const { return spawned_; }
   void dropAll() { jobs_.clear(); }
@@ -224,7 +132,7 @@ class Shard : public TimerTask {
 public:
   Shard(const Ptr<TaskScheduler>& group, unsigned index, const char* name)
       : TimerTask(group, TaskPriority::normal, name), index_(index) {}
-  SOAK_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   void taskExecute() override {
     for (unsigned i = 0; i < 256; ++i)
@@ -282,7 +190,7 @@ class Reporter : public TimerTask {
 public:
   Reporter(const Ptr<TaskSchedulerRoot>& root, int fd)
       : TimerTask(root, TaskPriority::normal, "reporter"), root_(root.get()), fd_(fd) {}
-  SOAK_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   U64 started() const { return started_; }
   U64 completed() const { return completed_; }
@@ -359,7 +267,7 @@ public:
         reader_(reader) {
     samples_.reserve(4096);
   }
-  SOAK_TASK_DELETE
+  EXAMPLE_TASK_DELETE
 
   const std::vector<Sample>& samples() const { return samples_; }
   // Takes a sample and prints its row at once, so that a long run shows
@@ -410,7 +318,7 @@ int main() {
   Ptr<TaskSchedulerRoot> root = schedulerRootKesto();
   Ptr<Cruncher> cruncher(new Cruncher(root));
   Ptr<Ingest> ingest(new Ingest(root, messages[1], cruncher.get()));
-  Ptr<Feed> feed(new Feed(root, messages[0]));
+  Ptr<Feed> feed(new Feed(root, messages[0], 0.020, 8));
   Ptr<Heartbeat> heartbeat(new Heartbeat(root));
   Ptr<Spawner> spawner(new Spawner(root));
 
