@@ -13,6 +13,19 @@
 
 namespace KestoTest {
 
+// Whether a test may run with every descriptor in use. The sanitizers'
+// runtime needs descriptors of its own: before it reports on memory it tests
+// that the memory is readable through a pipe, and with no descriptor left
+// that test fails and it reports an error where there is none. Such tests run
+// in the plain build.
+#ifdef KESTO_SANITIZED
+constexpr bool descriptorExhaustionIsTestable = false;
+#else
+constexpr bool descriptorExhaustionIsTestable = true;
+#endif
+constexpr const char* descriptorExhaustionSkipReason =
+    "the sanitizers' runtime needs descriptors of its own to check memory";
+
 // The open descriptors of the process, found by asking each number: listing
 // /proc/self/fd would itself need a descriptor, and there may be none left.
 inline int descriptorCount() {

@@ -2,6 +2,8 @@
 // line at all, too many at once, another user, a reader that stops reading.
 #include "EndpointTestSupport.h"
 
+#include <KestoSupport/DescriptorExhaustion.h>
+
 #include <Kesto/Debug/DebugHandler.h>
 
 #include <fmt/format.h>
@@ -237,6 +239,8 @@ TEST_F(AgentEndpointLimits, ListenerAndClientTasksRunAtTheChosenPriority) {
 }
 
 TEST_F(AgentEndpointLimits, ListenerOutOfDescriptorsPausesInsteadOfSpinning) {
+  if (!KestoTest::descriptorExhaustionIsTestable)
+    GTEST_SKIP() << KestoTest::descriptorExhaustionSkipReason;
   start({});
   const String listenerName(fmt::format("AgentEndpoint-{}:read", endpoint->options().name.view()));
   Ptr<TaskImpl> listener = root->taskForTest(listenerName);

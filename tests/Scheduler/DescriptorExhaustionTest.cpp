@@ -37,16 +37,6 @@ using namespace KestoTest;
 
 namespace {
 
-// The sanitizers' runtime needs descriptors of its own to check memory (it
-// probes readability through a pipe), so with none left it reports errors
-// where there are none: these cases run in the plain build.
-#ifdef KESTO_SANITIZED
-constexpr bool exhaustionIsTestable = false;
-#else
-constexpr bool exhaustionIsTestable = true;
-#endif
-constexpr const char* skipReason = "the sanitizers' runtime needs descriptors of its own to check memory";
-
 // Runs one case in a forked child and expects every check to hold. The child
 // gives itself a fresh event base (the parent's epoll descriptor must not be
 // shared), runs `setup` (which may open what the case needs and drives the
@@ -106,8 +96,8 @@ struct CountingTimeout : Platform::TimeoutHandler {
 } // namespace
 
 TEST(DescriptorExhaustion, DescriptorTaskIsMadeMovedToAnotherDescriptorAndDestroyedWithoutOpeningOne) {
-  if (!exhaustionIsTestable)
-    GTEST_SKIP() << skipReason;
+  if (!descriptorExhaustionIsTestable)
+    GTEST_SKIP() << descriptorExhaustionSkipReason;
   struct State {
     Ptr<TaskSchedulerRoot> root = TaskSchedulerRoot::TaskSchedulerRootIs("exhausted");
     SocketPair first, second;
@@ -134,8 +124,8 @@ TEST(DescriptorExhaustion, DescriptorTaskIsMadeMovedToAnotherDescriptorAndDestro
 }
 
 TEST(DescriptorExhaustion, TimerTasksOnTheWheelAndLibeventTimersFireWithoutOpeningADescriptor) {
-  if (!exhaustionIsTestable)
-    GTEST_SKIP() << skipReason;
+  if (!descriptorExhaustionIsTestable)
+    GTEST_SKIP() << descriptorExhaustionSkipReason;
   expectInExhaustedChild([] { return TaskSchedulerRoot::TaskSchedulerRootIs("exhaustedTimers"); },
                          [](Ptr<TaskSchedulerRoot>& root) {
                            int failed = 0;
@@ -172,8 +162,8 @@ TEST(DescriptorExhaustion, TimerTasksOnTheWheelAndLibeventTimersFireWithoutOpeni
 }
 
 TEST(DescriptorExhaustion, ReportToADescriptorIsWrittenWholeAndClosesOnlyThatDescriptor) {
-  if (!exhaustionIsTestable)
-    GTEST_SKIP() << skipReason;
+  if (!descriptorExhaustionIsTestable)
+    GTEST_SKIP() << descriptorExhaustionSkipReason;
   struct State {
     Ptr<TaskSchedulerRoot> root = TaskSchedulerRoot::TaskSchedulerRootIs("exhaustedReport");
     Ptr<TestFdTask> idle = fdTaskIs(root, "idleTask");

@@ -12,6 +12,7 @@
 #include <Kesto/EventKesto.h>
 
 #include <KestoSupport/AssertMessage.h>
+#include <KestoSupport/DescriptorExhaustion.h>
 #include <KestoSupport/TraceCapture.h>
 
 #include <gtest/gtest.h>
@@ -102,19 +103,6 @@ inline int openDescriptorCount() {
   ::closedir(dir);
   return count - 1; // the directory's own descriptor
 }
-
-// Whether a test may run with every descriptor in use. The sanitizers'
-// runtime needs descriptors of its own: before it reports on memory it tests
-// that the memory is readable through a pipe, and with no descriptor left
-// that test fails and it reports an error where there is none. Such tests run
-// in the plain build.
-#ifdef KESTO_SANITIZED
-constexpr bool descriptorExhaustionIsTestable = false;
-#else
-constexpr bool descriptorExhaustionIsTestable = true;
-#endif
-constexpr const char* descriptorExhaustionSkipReason =
-    "the sanitizers' runtime needs descriptors of its own to check memory";
 
 // Lowers the soft limit of descriptors so that the next open fails with
 // EMFILE: the limit is the lowest descriptor number that is not in use.
