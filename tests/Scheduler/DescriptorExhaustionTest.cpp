@@ -12,6 +12,7 @@
 #include "FdTaskTestSupport.h"
 #include "TimerTaskTestSupport.h"
 
+#include <KestoSupport/ChildProcess.h>
 #include <KestoSupport/DescriptorExhaustion.h>
 
 #include <Kesto/Platform/Libevent.h>
@@ -47,42 +48,30 @@ namespace {
 // bits from 1 << 3 up.
 template <typename Setup, typename Body>
 void expectInExhaustedChild(Setup&& setup, Body&& body, int change = 0) {
-  std::fflush(nullptr);
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::alarm(60);
-    rlimit noCore{0, 0};
-    ::setrlimit(RLIMIT_CORE, &noCore);
+  const int status = statusOfChild([&] {
     int failed = 0;
-    try {
-      leForkReinit();
-      auto state = setup();
-      driveTurns(2);
-      std::vector<int> fillers;
-      if (!exhaustDescriptorsAt(20, fillers))
-        ::_exit(1);
-      const int before = descriptorCount();
-      failed = body(state);
-      driveTurns(5);
-      if (descriptorCount() != before + change)
-        failed |= 4;
-      // Exactly the slots the case gave back are free again, no more.
-      std::vector<int> refill;
-      for (int i = 0; i < -change; ++i)
-        refill.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-      for (int fd : refill)
-        if (fd < 0)
-          failed |= 2;
-      if (!stillOutOfDescriptors())
+    leForkReinit();
+    auto state = setup();
+    driveTurns(2);
+    std::vector<int> fillers;
+    if (!exhaustDescriptorsAt(20, fillers))
+      return 1;
+    const int before = descriptorCount();
+    failed = body(state);
+    driveTurns(5);
+    if (descriptorCount() != before + change)
+      failed |= 4;
+    // Exactly the slots the case gave back are free again, no more.
+    std::vector<int> refill;
+    for (int i = 0; i < -change; ++i)
+      refill.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    for (int fd : refill)
+      if (fd < 0)
         failed |= 2;
-    } catch (...) {
-      failed = 127;
-    }
-    std::fflush(nullptr);
-    ::_exit(failed);
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
+    if (!stillOutOfDescriptors())
+      failed |= 2;
+    return failed;
+  });
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
       << (WIFEXITED(status) ? "failed checks (bits): " + std::to_string(WEXITSTATUS(status))
                             : "status " + std::to_string(status));

@@ -12,6 +12,7 @@
 #include <Kesto/EventKesto.h>
 
 #include <KestoSupport/AssertMessage.h>
+#include <KestoSupport/ChildProcess.h>
 #include <KestoSupport/DescriptorExhaustion.h>
 #include <KestoSupport/TraceCapture.h>
 
@@ -125,32 +126,6 @@ inline Kesto::Ptr<Kesto::Platform::DebugHandler> testHandler() {
 // A whole trace line as TraceCapture shows it.
 inline std::string utilLine(const char* handler, unsigned level, const char* function, const std::string& text) {
   return std::string(handler) + " " + std::to_string(level) + " Kesto::Util::" + function + "() " + text;
-}
-
-// Runs `body` in a forked child, which ends with what `body` returns as its
-// exit status, and returns the raw wait status. Nothing of the child's
-// GoogleTest state reaches the parent: the child reports by its status
-// only. A child that hangs is killed by its alarm after a minute; no core
-// file is written for a child that crashes.
-template <typename Body>
-int statusOfChild(Body&& body) {
-  std::fflush(nullptr);
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::alarm(60);
-    rlimit noCore{0, 0};
-    ::setrlimit(RLIMIT_CORE, &noCore);
-    int code = 1;
-    try {
-      code = body();
-    } catch (...) {
-      code = 99;
-    }
-    ::_exit(code);
-  }
-  int status = -1;
-  ::waitpid(pid, &status, 0);
-  return status;
 }
 
 // For a child that is meant to crash: the report of the crash (a
