@@ -15,13 +15,22 @@
 // scheduler report (hierarchical text, and JSON to a file) and the group's
 // share of the thread.
 //
+// It turns on the library's diagnostics: a stall watchdog on the root, the
+// crash-time flight recorder, latency culprits and the timeline. A slow task
+// that spins for 300 ms once at the start trips the watchdog (its report
+// goes to the trace output, standard error unless TRACEFILE says otherwise)
+// and makes a low-priority task late; the agent prints who made it late and
+// writes the timeline of its last scheduler events to a file. With --crash
+// a task dereferences a null pointer at the end, and the flight recorder
+// writes what the thread was doing before the process dies of SIGSEGV.
+//
 // Whenever it runs it serves its endpoint, named after itself ("demo_agent"),
 // so that `kesto list` finds it and `kesto show` prints its report while it
 // runs. With --serve it goes on for that many more seconds of real time
 // after the virtual hour, its tasks still at work, before it stops them and
 // reports: time enough to look at it from another terminal.
 //
-//   demo_agent [real-seconds [simulated-seconds]] [--serve seconds]
+//   demo_agent [real-seconds [simulated-seconds]] [--serve seconds] [--crash]
 //                                          defaults: 3, 3600 and 0
 //
 // With TRACE=TaskScheduler/8 every scheduling step is traced; keep the run
@@ -31,6 +40,7 @@
 #include "AgentWorkload.h"
 
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -174,6 +184,39 @@ private:
   double resumedAt_ = 0.0;
 };
 
+// ---- diagnostics ---------------------------------------------------------------
+
+// What the slow task holds the thread for: six times the watchdog's
+// threshold, so that the watchdog, sampling every half threshold of CPU
+// time, sees the same run at least twice past it.
+constexpr std::chrono::milliseconds watchdogThreshold{50};
+constexpr double slowRunSeconds = 0.3;
+
+double threadCpuSeconds() {
+  timespec ts{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
+}
+
+// Waits its turn at low priority; made late by whatever runs before it.
+class Latecomer : public Task {
+public:
+  explicit Latecomer(const Ptr<TaskScheduler>& s) : Task(s, TaskPriority::low, "latecomer") {}
+  EXAMPLE_TASK_DELETE
+  void taskExecute() override { taskWorkCountInc(1); }
+};
+
+// Dies of a null pointer dereference inside its run (--crash).
+class Faulty : public Task {
+public:
+  explicit Faulty(const Ptr<TaskScheduler>& s) : Task(s, TaskPriority::high, "faulty") {}
+  EXAMPLE_TASK_DELETE
+  void taskExecute() override {
+    volatile int* volatile nowhere = nullptr;
+    *nowhere = 1;
+  }
+};
+
 // ---- the report -------------------------------------------------------------
 
 double parseSeconds(const char* text, double fallback) {
@@ -189,18 +232,55 @@ double parseSeconds(const char* text, double fallback) {
 }
 
 int usage() {
-  fmt::print(stderr, "demo_agent: usage: demo_agent [real-seconds [simulated-seconds]] [--serve seconds]\n");
+  fmt::print(stderr,
+             "demo_agent: usage: demo_agent [real-seconds [simulated-seconds]] [--serve seconds] [--crash]\n");
   return 2;
 }
 
 } // namespace
 
+namespace DemoAgent {
+
+// Rebuilds a table in one go instead of in slices: 300 ms of the thread's
+// CPU time without yielding, once. It schedules the latecomer first, so the
+// latecomer waits for all of it.
+class Rebuild : public Task {
+public:
+  Rebuild(const Ptr<TaskScheduler>& s, Task* latecomer)
+      : Task(s, TaskPriority::normal, "rebuild"), latecomer_(latecomer) {}
+  EXAMPLE_TASK_DELETE
+  void taskExecute() override { spin(); }
+
+private:
+  // Out of line and outside the anonymous namespace, in a program linked
+  // with its symbols exported, so that the watchdog's backtrace names it.
+  [[gnu::noinline]] void spin();
+
+  Task* latecomer_;
+};
+
+void Rebuild::spin() {
+  latecomer_->scheduleTask();
+  const double cpuEnd = threadCpuSeconds() + slowRunSeconds;
+  const auto wallEnd = std::chrono::steady_clock::now() + std::chrono::duration<double>(slowRunSeconds);
+  U64 x = 1;
+  while (threadCpuSeconds() < cpuEnd || std::chrono::steady_clock::now() < wallEnd)
+    for (int i = 0; i < 1000; ++i)
+      x = x * 6364136223846793005ULL + 1442695040888963407ULL;
+  taskWorkCountInc(x & 1);
+}
+
+} // namespace DemoAgent
+
 int main(int argc, char** argv) {
   std::vector<const char*> positional;
   const char* serveText = nullptr;
+  bool crash = false;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--serve") == 0 && i + 1 < argc)
       serveText = argv[++i];
+    else if (std::strcmp(argv[i], "--crash") == 0)
+      crash = true;
     else if (argv[i][0] == '-' && argv[i][1] != '\0')
       return usage();
     else
@@ -217,6 +297,9 @@ int main(int argc, char** argv) {
     std::perror("socketpair");
     return 1;
   }
+
+  // On before anything runs: a fault in any task from here on is dumped.
+  FlightRecorder::enabledIs(true);
 
   Ptr<TaskSchedulerRoot> root = schedulerRootKesto();
   Ptr<Cruncher> cruncher(new Cruncher(root));
@@ -246,6 +329,14 @@ int main(int argc, char** argv) {
     name = String("demo_agent");
   Ptr<AgentEndpoint> endpoint = AgentEndpoint::start(root, {.name = name});
   fmt::print("Endpoint: {}\n", endpoint->address().view());
+
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, watchdogThreshold, 6);
+  Ptr<Latecomer> latecomer(new Latecomer(root));
+  Ptr<DemoAgent::Rebuild> rebuild(new DemoAgent::Rebuild(root, latecomer.get()));
+  fmt::print("Diagnostics: flight recorder on, stall watchdog at {} ms; a task \"rebuild\" will hold the thread "
+             "for {:.0f} ms\n",
+             watchdogThreshold.count(), slowRunSeconds * 1e3);
+  rebuild->scheduleTask();
   feed->scheduleTask();
   heartbeat->start();
   audit->scheduleTaskJitterUp(60.0, 10);
@@ -330,13 +421,26 @@ int main(int argc, char** argv) {
              heartbeat->beats(), heartbeat->minLateness(), heartbeat->maxLateness());
   fmt::print("Audits: {}\n", audit->audits());
 
-  const bool consistent = feed->sent() == ingest->received() && heartbeat->minLateness() >= 0.0;
+  fmt::print("\nStall watchdog: {} stall(s) seen, {} reported as KestoStallWatchdog trace lines (on standard "
+             "error unless TRACEFILE names a file)\n",
+             watchdog->stallCount(), watchdog->reportCount());
+
+  const bool consistent = feed->sent() == ingest->received() && heartbeat->minLateness() >= 0.0 &&
+                          watchdog->stallCount() >= 1 && latecomer->taskRunCount() == 1;
+  if (crash) {
+    fmt::print("\nA task now dereferences a null pointer; the flight recorder writes the thread's last events "
+               "to standard error before the process dies of SIGSEGV\n");
+    std::fflush(stdout);
+    Ptr<Faulty> faulty(new Faulty(root));
+    faulty->scheduleTask();
+    Platform::doEventLoop(1.0);
+  }
   endpoint->stop();
   ingest->taskWatchFdDel();
   ::close(fds[0]);
   ::close(fds[1]);
   if (!consistent) {
-    fmt::print(stderr, "demo_agent: messages were lost or a timer fired early\n");
+    fmt::print(stderr, "demo_agent: messages were lost, a timer fired early, or the slow task went unnoticed\n");
     return 1;
   }
   return 0;
