@@ -15,7 +15,9 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <functional>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -81,6 +83,19 @@ Ptr<TaskSchedulerSnapshot const> handMade(std::vector<Event> newestFirst, const 
   return Ptr<TaskSchedulerSnapshot const>(root);
 }
 
+// Turns this thread's loop until `done`: not Platform::doEventLoop(), which
+// would also wait for whatever other tests of the process left armed on the
+// thread's event base. The wall-clock bound only turns a hang into a failure.
+bool runUntil(const std::function<bool()>& done) {
+  const auto start = std::chrono::steady_clock::now();
+  while (!done()) {
+    if (std::chrono::steady_clock::now() - start > std::chrono::seconds(60))
+      return false;
+    Platform::doEventLoopInWaitfor(0.001);
+  }
+  return true;
+}
+
 TaskTimeStamp at(long long ns) { return TaskTimeStamp(TaskTimeDuration(ns)); }
 
 } // namespace
@@ -100,7 +115,7 @@ TEST(SnapshotTimeline, EveryRunOfAKnownSequenceAppearsWithItsExactStartAndDurati
   alpha->scheduleTask();
   beta->scheduleTask();
   gamma->scheduleTask();
-  Platform::doEventLoop();
+  ASSERT_TRUE(runUntil([&] { return runs.size() == 7 && !root->schedulerHasRunnableTasks(); }));
   ASSERT_EQ(runs.size(), 7u);
 
   const auto snapshot = take(*root);
@@ -162,7 +177,7 @@ TEST(SnapshotTimeline, InstantsCarryTheDisplayTextsOnTheirSchedulersTracks) {
   two->scheduleTask();
   two->taskSuspendedIs(true);
   two->taskSuspendedIs(false);
-  Platform::doEventLoop();
+  ASSERT_TRUE(runUntil([&] { return runs.size() == 2 && !root->schedulerHasRunnableTasks(); }));
 
   const auto snapshot = take(*root);
   const TimelineDocument t = render(snapshot);
@@ -254,7 +269,7 @@ TEST(SnapshotTimeline, RunOfATaskTakingTheSnapshotIsClippedAtTheNewestEvent) {
     json = snapshotTimelineToString(take(*root));
   }));
   taker->scheduleTask();
-  Platform::doEventLoop();
+  ASSERT_TRUE(runUntil([&] { return !json.empty(); }));
   const TimelineDocument t = parseTimeline(json);
   ASSERT_TRUE(t.parsed) << t.error;
   const auto runs = t.where("X", "run", "taker");
@@ -349,7 +364,7 @@ TEST(SnapshotTimeline, ToFileWritesTheSameDocumentAndAFailureNamesThePath) {
   std::vector<TaskRun> runs;
   auto task = stepper(clock, root, TaskPriority::normal, "written", 77, 2, runs);
   task->scheduleTask();
-  Platform::doEventLoop();
+  ASSERT_TRUE(runUntil([&] { return runs.size() == 2; }));
   const auto snapshot = take(*root);
   char path[] = "/tmp/kesto-timeline-XXXXXX";
   const int fd = ::mkstemp(path);
