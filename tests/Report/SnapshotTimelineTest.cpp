@@ -196,9 +196,11 @@ TEST(SnapshotTimeline, InstantsCarryTheDisplayTextsOnTheirSchedulersTracks) {
   EXPECT_TRUE(has("suspendOff", "suspend", "task", "N two", groupTid));
   EXPECT_TRUE(has("schedulerHasRunnableTasks", "scheduler", "scheduler", "igrp", groupTid));
   EXPECT_TRUE(has("schedulerHasNoRunnableTasks", "scheduler", "scheduler", "instroot", rootTid));
-  for (const TimelineEvent& e : t.events)
-    if (e.ph == "i")
+  for (const TimelineEvent& e : t.events) {
+    if (e.ph == "i") {
       EXPECT_EQ(e.args.size(), 1u) << e.name;
+    }
+  }
   // Every event of the ring is shown once: as an instant, or as a run's
   // start or end.
   std::size_t instants = 0, runs2 = 0;
@@ -356,6 +358,20 @@ TEST(SnapshotTimeline, EmptyHistoryGivesAValidDocumentWithOnlyMetadata) {
   ASSERT_TRUE(without.parsed) << without.error;
   EXPECT_TRUE(without.events.empty());
   EXPECT_EQ(without.other("history"), "false");
+}
+
+TEST(SnapshotTimeline, FailedSnapshotGivesAValidDocumentCarryingItsError) {
+  // What snapshot() returns when the copy failed: no name, no history.
+  auto* failed = new Snapshot();
+  failed->generalError = "std::bad_alloc";
+  const std::string json = snapshotTimelineToString(Ptr<TaskSchedulerSnapshot const>(failed));
+  const TimelineDocument t = parseTimeline(json);
+  ASSERT_TRUE(t.parsed) << t.error << json;
+  EXPECT_TRUE(t.events.empty());
+  EXPECT_EQ(t.processName, "");
+  EXPECT_EQ(t.tracks.size(), 1u);
+  EXPECT_EQ(t.other("generalError"), "std::bad_alloc");
+  EXPECT_EQ(t.other("history"), "false");
 }
 
 TEST(SnapshotTimeline, ToFileWritesTheSameDocumentAndAFailureNamesThePath) {

@@ -12,9 +12,8 @@ class TaskSchedulerRoot;
 
 namespace Impl {
 
-// A snapshot of `root` with its history and every task (those that never
-// ran too, so that their events find their scheduler), rendered as the
-// timeline of the agent `agentName`.
+// A snapshot of `root` with its history (tasks that never ran left out, as
+// in a default show), rendered as the timeline of the agent `agentName`.
 std::string agentTimelineAnswer(const TaskSchedulerRoot& root, const String& agentName);
 
 } // namespace Impl

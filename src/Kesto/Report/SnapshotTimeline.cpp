@@ -196,6 +196,12 @@ private:
   void key(const char* k) { w_.Key(k); }
 
   void string(std::string_view text) {
+    // An empty String may have no storage at all: never hand the writer a
+    // null pointer.
+    if (text.empty()) {
+      w_.String("", 0);
+      return;
+    }
     const auto* p = reinterpret_cast<const unsigned char*>(text.data());
     std::size_t i = 0;
     while (i < text.size()) {
@@ -232,27 +238,27 @@ private:
     w_.Uint(track < 0 ? 0 : tracks_[std::size_t(track)].tid);
   }
 
-  void metadataEvent(const char* name, int track, const char* argKey, std::string_view text, U32 number) {
+  // {"name":NAME,"ph":"M","pid":..,"tid":..,"args":{ARG: ...}}, the
+  // argument's value written by `value`.
+  template <typename Value>
+  void metadataEvent(const char* name, int track, const char* arg, Value&& value) {
     w_.StartObject();
     key("name");
     w_.String(name);
     common("M", track);
     key("args");
     w_.StartObject();
-    key(argKey);
-    if (text.data())
-      string(text);
-    else
-      w_.Uint(number);
+    key(arg);
+    value();
     w_.EndObject();
     w_.EndObject();
   }
 
   void metadata() {
-    metadataEvent("process_name", -1, "name", processName_.view(), 0);
+    metadataEvent("process_name", -1, "name", [&] { string(processName_.view()); });
     for (std::size_t i = 0; i < tracks_.size(); ++i) {
-      metadataEvent("thread_name", int(i), "name", tracks_[i].name, 0);
-      metadataEvent("thread_sort_index", int(i), "sort_index", std::string_view(), tracks_[i].tid);
+      metadataEvent("thread_name", int(i), "name", [&] { string(tracks_[i].name); });
+      metadataEvent("thread_sort_index", int(i), "sort_index", [&] { w_.Uint(tracks_[i].tid); });
     }
   }
 
