@@ -217,6 +217,7 @@ TEST(StallWatchdog, KeptStallsIncludeThoseTheRateLimitLeftOutOldestFirst) {
   std::vector<Ptr<TestTask>> tasks;
   for (const char* name : {"first", "second", "third"})
     tasks.push_back(stallingTask(root, name, watchdog));
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
   for (auto& t : tasks)
     t->scheduleTask();
   Platform::doEventLoop();
@@ -244,6 +245,8 @@ TEST(StallWatchdog, KeepsTheLastSixteenStalls) {
   std::vector<Ptr<TestTask>> tasks;
   for (int i = 0; i < 18; ++i)
     tasks.push_back(stallingTask(root, "st" + std::to_string(100 + i), watchdog));
+  // The 18 reports go to the capture, not to the test's standard error.
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
   for (auto& t : tasks)
     t->scheduleTask();
   Platform::doEventLoop();
@@ -260,6 +263,7 @@ TEST(StallWatchdog, StallAppearsInTheTimelineAsAStallSpanOverItsRun) {
   auto spinner = taskOn(root, "spinner", [&watchdog](TestTask&) {
     kestoTestSpinningFunction(std::chrono::milliseconds(120), std::chrono::milliseconds(60), watchdog.get(), 3);
   });
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
   spinner->scheduleTask();
   Platform::doEventLoop();
   ASSERT_EQ(watchdog->stallCount(), 1u);
