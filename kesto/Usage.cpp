@@ -19,9 +19,10 @@ constexpr const char* overview =
     "  trace AGENT [--clear] LEVELS\n"
     "                            changes the agent's trace levels (as TRACE does) and shows them\n"
     "  reset AGENT               resets the agent's scheduler statistics\n"
+    "  timeline [AGENT]          the agent's recent scheduling as a Trace Event Format document\n"
     "\n"
-    "AGENT is a pid or an agent's name; show and watch may leave it out when exactly\n"
-    "one agent runs. `kesto COMMAND --help` describes a command.\n"
+    "AGENT is a pid or an agent's name; show, watch and timeline may leave it out\n"
+    "when exactly one agent runs. `kesto COMMAND --help` describes a command.\n"
     "\n"
     "exit status: 0 success, 1 the agent reported an error or could not be reached,\n"
     "2 usage error; a failure prints one line on standard error.\n";
@@ -69,12 +70,22 @@ constexpr const char* resetUsage =
     "Resets the scheduler statistics of the agent, its groups included, and waits\n"
     "until the reset has ended.\n";
 
-constexpr std::array<std::pair<std::string_view, const char*>, 5> commandUsages{{
+constexpr const char* timelineUsage =
+    "usage: kesto timeline [AGENT]\n"
+    "\n"
+    "Prints the agent's recent scheduling (its history ring and the stalls its\n"
+    "watchdog kept) as one JSON document in the Trace Event Format: task runs on one\n"
+    "track per scheduler, other scheduler events as instants, stalls as red spans.\n"
+    "Redirect it to a file (kesto timeline AGENT > timeline.json) and open that in a\n"
+    "viewer of Trace Event Format files.\n";
+
+constexpr std::array<std::pair<std::string_view, const char*>, 6> commandUsages{{
     {"list", listUsage},
     {"show", showUsage},
     {"watch", watchUsage},
     {"trace", traceUsage},
     {"reset", resetUsage},
+    {"timeline", timelineUsage},
 }};
 
 } // namespace

@@ -40,6 +40,7 @@
 #include <Kesto/Report/SnapshotShowJson.h>
 #include <Kesto/Report/SnapshotShowTask.h>
 #include <Kesto/Report/SnapshotShowText.h>
+#include <Kesto/Report/SnapshotTimeline.h>
 #include <Kesto/Report/TaskNameRegex.h>
 #include <Kesto/Report/TaskSchedulerSnapshot.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>

@@ -3,6 +3,8 @@
 // its output is checked, the JSON report parsed back.
 #include "CommandTestSupport.h"
 
+#include <KestoSupport/TimelineDocument.h>
+
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
@@ -216,3 +218,22 @@ TEST(KestoAgentChanges, ResetStartsTheFiguresAgain) {
 }
 
 } // namespace
+
+TEST_F(KestoAgent, TimelineWritesATraceEventDocumentOfTheAgent) {
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"timeline", agent().pidText()}, {"timeline", agent().name()}}) {
+    const ChildResult result = succeeded(args);
+    const TimelineDocument t = parseTimeline(result.out);
+    ASSERT_TRUE(t.parsed) << t.error << "\n" << result.out.substr(0, 400);
+    EXPECT_EQ(t.processName, agent().name());
+    EXPECT_EQ(std::to_string(t.pid), agent().pidText());
+    ASSERT_NE(t.tid("main"), 0u);
+    ASSERT_NE(t.tid("indexer"), 0u);
+    // The agent serves in real time: its ring holds runs, each on a track
+    // the document names.
+    const auto runs = t.where("X", "run");
+    EXPECT_FALSE(runs.empty());
+    for (const TimelineEvent& e : t.events)
+      EXPECT_EQ(t.tracks.count(e.tid), 1u) << e.name;
+  }
+}

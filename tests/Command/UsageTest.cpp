@@ -21,7 +21,7 @@ void expectFailureLine(const ChildResult& result, int status, const std::string&
   EXPECT_NE(lines[0].find(part), std::string::npos) << lines[0];
 }
 
-const std::vector<std::string> commands{"list", "show", "watch", "trace", "reset"};
+const std::vector<std::string> commands{"list", "show", "watch", "trace", "reset", "timeline"};
 
 TEST(KestoUsage, NoCommandIsAUsageError) { expectFailureLine(runKesto({}), 2, "missing command"); }
 

@@ -6,9 +6,11 @@
 #include <Kesto/Debug/DebugHandler.h>
 #include <Kesto/Debug/StallWatchdog.h>
 #include <Kesto/Platform/Platform.h>
+#include <Kesto/Report/SnapshotTimeline.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
 #include <KestoSupport/TestScheduler.h>
+#include <KestoSupport/TimelineDocument.h>
 #include <KestoSupport/TraceCapture.h>
 
 #include <gtest/gtest.h>
@@ -17,6 +19,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 using namespace Kesto;
 using KestoTest::TestTask;
@@ -190,4 +193,98 @@ TEST(StallWatchdog, SecondWatchdogOnOneRootIsRefused) {
   first = nullptr;
   // Disarmed with its last reference: the root takes a new one.
   EXPECT_NO_THROW(StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 1));
+}
+
+namespace {
+
+// A task that spins until the watchdog has seen its run stall; a bound of
+// 10 s turns a watchdog that never sees it into a failure, not a hang.
+Ptr<TestTask> stallingTask(const Ptr<TaskSchedulerRoot>& root, const std::string& name,
+                           const Ptr<StallWatchdog>& watchdog) {
+  return taskOn(root, name.c_str(), [&watchdog](TestTask&) {
+    const U64 before = watchdog->stallCount();
+    const auto start = std::chrono::steady_clock::now();
+    while (watchdog->stallCount() == before && std::chrono::steady_clock::now() - start < std::chrono::seconds(10))
+      asm volatile("" ::: "memory");
+  });
+}
+
+} // namespace
+
+TEST(StallWatchdog, KeptStallsIncludeThoseTheRateLimitLeftOutOldestFirst) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("keptroot");
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(8), 1);
+  std::vector<Ptr<TestTask>> tasks;
+  for (const char* name : {"first", "second", "third"})
+    tasks.push_back(stallingTask(root, name, watchdog));
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  for (auto& t : tasks)
+    t->scheduleTask();
+  Platform::doEventLoop();
+  ASSERT_EQ(watchdog->stallCount(), 3u);
+  const std::vector<StallWatchdog::Stall> stalls = watchdog->stalls();
+  ASSERT_EQ(stalls.size(), 3u);
+  const char* names[] = {"first", "second", "third"};
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(stalls[i].taskName.view(), names[i]);
+    EXPECT_EQ(stalls[i].schedulerName.view(), "keptroot");
+    EXPECT_EQ(stalls[i].priority, TaskPriority::normal);
+    EXPECT_EQ(stalls[i].task, TaskKey(static_cast<const TaskImpl*>(tasks[i].get())));
+    // The run's own start, as the task's statistics have it.
+    EXPECT_EQ(stalls[i].runStart, tasks[i]->getStats().lastTaskRunTimestamp());
+    EXPECT_GE(stalls[i].elapsed, std::chrono::milliseconds(8));
+    // One report a minute: only the first went to the trace.
+    EXPECT_EQ(stalls[i].reported, i == 0) << i;
+  }
+  EXPECT_EQ(watchdog->stallsNotKept(), 0u);
+}
+
+TEST(StallWatchdog, KeepsTheLastSixteenStalls) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("ringroot");
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(8), 100);
+  std::vector<Ptr<TestTask>> tasks;
+  for (int i = 0; i < 18; ++i)
+    tasks.push_back(stallingTask(root, "st" + std::to_string(100 + i), watchdog));
+  // The 18 reports go to the capture, not to the test's standard error.
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  for (auto& t : tasks)
+    t->scheduleTask();
+  Platform::doEventLoop();
+  ASSERT_EQ(watchdog->stallCount(), 18u);
+  const std::vector<StallWatchdog::Stall> stalls = watchdog->stalls();
+  ASSERT_EQ(stalls.size(), StallWatchdog::keptStallCount);
+  for (unsigned i = 0; i < StallWatchdog::keptStallCount; ++i)
+    EXPECT_EQ(stalls[i].taskName.view(), "st" + std::to_string(102 + i));
+}
+
+TEST(StallWatchdog, StallAppearsInTheTimelineAsAStallSpanOverItsRun) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("spanroot");
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 10);
+  auto spinner = taskOn(root, "spinner", [&watchdog](TestTask&) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(120), std::chrono::milliseconds(60), watchdog.get(), 3);
+  });
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  spinner->scheduleTask();
+  Platform::doEventLoop();
+  ASSERT_EQ(watchdog->stallCount(), 1u);
+  const auto snapshot =
+      root->snapshot(String(), true, true, true, String(), TaskScheduler::displayOrderNotSpecified);
+  ASSERT_EQ(static_cast<const TaskSchedulerSnapshotImpl&>(*snapshot).stalls.size(), 1u);
+  const KestoTest::TimelineDocument t = KestoTest::parseTimeline(snapshotTimelineToString(snapshot));
+  ASSERT_TRUE(t.parsed) << t.error;
+  const auto stalls = t.where("X", "stall");
+  const auto runs = t.where("X", "run", "spinner");
+  ASSERT_EQ(stalls.size(), 1u);
+  ASSERT_EQ(runs.size(), 1u);
+  const KestoTest::TimelineEvent& stall = stalls[0];
+  EXPECT_EQ(stall.name, "stall: spinner");
+  EXPECT_EQ(stall.cname, "terrible");
+  EXPECT_EQ(stall.tid, t.tid("spanroot"));
+  EXPECT_EQ(stall.args.at("task"), "spinner");
+  EXPECT_EQ(stall.args.at("scheduler"), "spanroot");
+  EXPECT_EQ(stall.args.at("reported"), "true");
+  // The span starts with the run and lies inside it, past the threshold.
+  EXPECT_EQ(stall.ts, runs[0].ts);
+  EXPECT_GE(std::stod(stall.dur), 50'000.0);
+  EXPECT_LE(std::stod(stall.dur), std::stod(runs[0].dur));
 }

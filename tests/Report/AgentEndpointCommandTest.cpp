@@ -6,6 +6,8 @@
 #include <Kesto/Debug/DebugHandler.h>
 #include <Kesto/Scheduler/TaskGroup.h>
 
+#include <KestoSupport/TimelineDocument.h>
+
 #include <rapidjson/document.h>
 
 #include <chrono>
@@ -67,6 +69,7 @@ std::vector<std::string> linesOf(const std::string& text) {
 TEST_F(AgentEndpointCommand, HelpListsEveryCommandOnePerLine) {
   const std::string answer = ask("help\n");
   EXPECT_EQ("show agent task scheduler [match REGEX] [json] [flat] [addresses] [no-history] [no-completed] [all]\n"
+            "show agent task timeline\n"
             "trace LEVELS\n"
             "trace clear LEVELS\n"
             "reset stats\n"
@@ -106,7 +109,7 @@ TEST_F(AgentEndpointCommand, UnknownCommandIsOneErrorLine) {
 }
 
 TEST_F(AgentEndpointCommand, CarriageReturnBeforeTheNewlineIsNotPartOfTheCommand) {
-  EXPECT_EQ("trace LEVELS", linesOf(ask("help\r\n")).at(1));
+  EXPECT_EQ("trace LEVELS", linesOf(ask("help\r\n")).at(2));
 }
 
 TEST_F(AgentEndpointCommand, ShowIsTheHierarchicalTextReportOfTheRoot) {
@@ -271,4 +274,36 @@ TEST_F(AgentEndpointCommand, ResetWaitingForASuspendedGroupIsPolledEverSlowerAnd
   ASSERT_TRUE(driveUntil([&] { return c.pump(); }));
   EXPECT_EQ("stats reset\n", c.received());
   EXPECT_FALSE(root->resetStatsInProgress());
+}
+
+TEST_F(AgentEndpointCommand, TimelineIsATraceEventDocumentOfTheRootAndItsGroups) {
+  // Room for every event since the set-up, whatever the endpoint records.
+  root->historyEntryCountIs(10000);
+  addGroupWithOneTask();
+
+  const std::string answer = ask("show agent task timeline\n");
+  ASSERT_FALSE(answer.empty());
+  EXPECT_EQ('\n', answer.back());
+  const KestoTest::TimelineDocument t = KestoTest::parseTimeline(answer);
+  ASSERT_TRUE(t.parsed) << t.error << "\n" << answer.substr(0, 400);
+  // The process is the agent, named by its endpoint.
+  EXPECT_EQ(endpoint->options().name.view(), t.processName);
+  EXPECT_EQ(unsigned(::getpid()), t.pid);
+  const unsigned rootTid = t.tid("endpointRoot"), groupTid = t.tid("grp");
+  ASSERT_NE(0u, rootTid);
+  ASSERT_NE(0u, groupTid);
+  for (const char* name : {"workerAlpha", "otherBeta"}) {
+    const auto runs = t.where("X", "run", name);
+    ASSERT_FALSE(runs.empty()) << name;
+    EXPECT_EQ(rootTid, runs[0].tid) << name;
+  }
+  const auto inner = t.where("X", "run", "innerGamma");
+  ASSERT_EQ(1u, inner.size());
+  EXPECT_EQ(groupTid, inner[0].tid);
+  // The client that took the snapshot was running at the time.
+  bool clientClipped = false;
+  for (const auto& run : t.where("X", "run"))
+    clientClipped = clientClipped || (run.name.rfind("AgentEndpointClient-fd:", 0) == 0 &&
+                                      run.args.count("clipped") && run.args.at("clipped") == "end");
+  EXPECT_TRUE(clientClipped) << answer;
 }

@@ -32,6 +32,13 @@
 // monotonic clock; stalls beyond it are counted and the next report says how
 // many were left out.
 //
+// The latest `keptStallCount` stalls, those left out of the trace included,
+// are kept in a ring allocated at arming, for a timeline to show: task,
+// scheduler, priority, run start and elapsed time. The handler captures them
+// into a small queue of its slot; writePendingReport() moves them into the
+// ring between runs, so that stalls() never reads what a signal may be
+// writing.
+//
 // A stall is measured in wall time from the run's start, but it is only
 // noticed while the thread consumes CPU: a task blocked in a system call is
 // not reported until it spins again.
@@ -40,16 +47,22 @@
 // the watchdog holds its root, and dropping the last reference disarms it.
 // One watchdog per root; at most 64 armed in the process.
 // Thread: the root's thread, for arming, reading and destruction.
-// Allocation: at arming only (timer, handler table slot); none per signal.
+// Allocation: at arming only (timer, handler table slot, ring of kept
+// stalls); none per signal, none per report; stalls() returns a copy.
 // States: armed from StallWatchdogIs() to destruction.
 #pragma once
 
 #include <Kesto/Common/Export.h>
 
 #include <Kesto/Core/Ptr.h>
+#include <Kesto/Core/String.h>
 #include <Kesto/Core/Types.h>
+#include <Kesto/Scheduler/TaskPriority.h>
+#include <Kesto/Scheduler/TaskTypes.h>
 
 #include <chrono>
+#include <memory>
+#include <vector>
 
 namespace Kesto {
 
@@ -61,6 +74,28 @@ public:
   static constexpr unsigned backtraceDepth = 48;
   // Armed watchdogs in the process at one time.
   static constexpr unsigned capacity = 64;
+  // Stalls kept for stalls(): at the default of 10 reports a minute, 16 is
+  // more than a minute and a half of reported stalls, and a ring of 16
+  // records is under 3 KiB per armed watchdog.
+  static constexpr unsigned keptStallCount = 16;
+
+  // One stall as kept: names cut at 63 bytes, as the handler copies them.
+  // A stall inside a task group is its parent task's, the task that holds
+  // the root's thread.
+  struct Stall {
+    String taskName;
+    String schedulerName;
+    TaskPriority priority;
+    // The stalled task's address when it stalled: a key for comparison
+    // with a snapshot's TaskStat, never to be followed.
+    TaskKey task;
+    // The run's start (its "run start" history event has the same stamp).
+    TaskTimeStamp runStart;
+    // How long the run had lasted at the last signal that saw it.
+    TaskTimeDuration elapsed{0};
+    // Written to the trace; false when the rate limit left it out.
+    bool reported = false;
+  };
 
   // Arms a watchdog on `root`, from the root's thread. A threshold under
   // 2 ms is raised to 2 ms (the CPU-time clock is sampled at the kernel's
@@ -89,9 +124,17 @@ public:
   U64 reportCount() const noexcept;
   U64 suppressedCount() const noexcept;
 
-  // Writes the report of a stall captured by the signal handler, if any.
-  // Called by the root between runs; by the destructor for a last capture.
+  // Writes the report of a stall captured by the signal handler, if any,
+  // and moves every captured stall into the kept ring. Called by the root
+  // between runs; by the destructor for a last capture.
   void writePendingReport();
+
+  // The kept stalls, oldest first (at most keptStallCount). Stalls the
+  // handler captured since the last pass appear after that pass.
+  std::vector<Stall> stalls() const;
+  // Stalls that could not be kept: more than the handler's queue holds
+  // (4) within one run of the root's thread.
+  U64 stallsNotKept() const noexcept;
 
   // Marks `root` for writePendingReport(). For the signal handler.
   static void reportPendingIs(TaskSchedulerRoot& root) noexcept;
@@ -99,10 +142,18 @@ public:
 private:
   StallWatchdog(const Ptr<TaskSchedulerRoot>& root, std::chrono::milliseconds threshold, U32 reportsPerMinute);
 
+  struct KeptStall;
+  void keepCapturedStalls() noexcept;
+
   Ptr<TaskSchedulerRoot> root_;
   std::chrono::milliseconds threshold_;
   U32 reportsPerMinute_;
   unsigned slot_ = 0;
+  // The ring of kept stalls: keptStallCount records, the oldest at
+  // keptNext_ once keptCount_ reached keptStallCount.
+  std::unique_ptr<KeptStall[]> kept_;
+  unsigned keptNext_ = 0;
+  unsigned keptCount_ = 0;
 };
 
 } // namespace Kesto

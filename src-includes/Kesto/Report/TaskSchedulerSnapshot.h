@@ -25,6 +25,7 @@
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Core/String.h>
 #include <Kesto/Core/Types.h>
+#include <Kesto/Debug/StallWatchdog.h>
 #include <Kesto/Scheduler/TaskSchedulerHistory.h>
 #include <Kesto/Scheduler/TaskSchedulerQueueStats.h>
 #include <Kesto/Scheduler/TaskStat.h>
@@ -95,6 +96,11 @@ public:
   std::vector<SubScheduler> subSchedulers;
   Ptr<History> history;
   pthread_t snapshotThread{};
+  // The stalls kept by the root's stall watchdog, oldest first: taken with
+  // the history, on the root, when a watchdog is armed; a filter keeps the
+  // stalls of matching task names. No text or JSON report shows them; the
+  // timeline does.
+  std::vector<StallWatchdog::Stall> stalls;
 
 private:
   void copyHistory(const TaskSchedulerHistory& ring, TaskNameRegex* regex);

@@ -165,6 +165,8 @@ public:
   const char* threadName() const noexcept { return threadName_; }
   bool threadSanityDisabled() const noexcept { return threadSanityDisabled_; }
   bool isMainThread() const noexcept { return isMainThread_; }
+  // The armed stall watchdog, or null.
+  const StallWatchdog* stallWatchdog() const noexcept { return stallWatchdog_; }
 
   // --- timer tasks ------------------------------------------------------------------
   // The random state behind the jitter of every timer task of this root, for

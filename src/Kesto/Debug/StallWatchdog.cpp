@@ -33,6 +33,23 @@ namespace {
 constexpr const char* className = "StallWatchdog";
 constexpr std::size_t nameCapacity = 64;
 constexpr I64 minuteNs = 60'000'000'000;
+// Stalls the handler can hold until the next pass moves them to the kept
+// ring. One run holds one stall, unless critical tasks run from inside it
+// and stall too: 4 covers that nesting with room to spare.
+constexpr U32 pendingCapacity = 4;
+
+// A stall as the handler captures it for the kept ring. Published by the
+// handler's increment of Slot::pendingWritten; afterwards only elapsedNs
+// changes, while the same run goes on.
+struct PendingStall {
+  char taskName[nameCapacity] = {};
+  char schedulerName[nameCapacity] = {};
+  U8 priority = 0;
+  const void* task = nullptr;
+  I64 runStartNs = 0;
+  std::atomic<I64> elapsedNs{0};
+  bool reported = false;
+};
 
 // One armed watchdog as its signal handler sees it. Written by the handler
 // and read between runs on the same thread; the atomics are for the
@@ -68,10 +85,19 @@ struct Slot {
   void* frames[StallWatchdog::backtraceDepth] = {};
   int frameCount = 0;
 
+  // Stalls for the kept ring: written by the handler at pendingWritten,
+  // taken by writePendingReport() at pendingRead; both count up and wrap.
+  PendingStall pending[pendingCapacity];
+  std::atomic<U32> pendingWritten{0};
+  std::atomic<U32> pendingRead{0};
+  // The pending entry of the current stall, for its elapsed time.
+  U32 stallPendingIndex = 0;
+
   std::atomic<U64> signals{0};
   std::atomic<U64> stalls{0};
   std::atomic<U64> reports{0};
   std::atomic<U64> suppressed{0};
+  std::atomic<U64> notKept{0};
 };
 
 Slot slots[StallWatchdog::capacity];
@@ -86,6 +112,28 @@ void copyName(char (&to)[nameCapacity], std::string_view from) noexcept {
   const std::size_t n = std::min(from.size(), nameCapacity - 1);
   std::memcpy(to, from.data(), n);
   to[n] = '\0';
+}
+
+// Queues a new stall for the kept ring; counts it as not kept when the
+// queue is full.
+void queueStall(Slot& slot, const TaskImpl& task, I64 elapsed, bool reported) noexcept {
+  const U32 written = slot.pendingWritten.load(std::memory_order_relaxed);
+  if (written - slot.pendingRead.load(std::memory_order_acquire) >= pendingCapacity) {
+    slot.notKept.fetch_add(1, std::memory_order_relaxed);
+    // An index that the update below never finds unread.
+    slot.stallPendingIndex = written - pendingCapacity;
+    return;
+  }
+  PendingStall& p = slot.pending[written % pendingCapacity];
+  copyName(p.taskName, task.taskName().view());
+  copyName(p.schedulerName, task.taskSchedulerName().view());
+  p.priority = task.taskPriority().value();
+  p.task = &task;
+  p.runStartNs = task.lastTaskRunTimestamp().time_since_epoch().count();
+  p.elapsedNs.store(elapsed, std::memory_order_relaxed);
+  p.reported = reported;
+  slot.stallPendingIndex = written;
+  slot.pendingWritten.store(written + 1, std::memory_order_release);
 }
 
 void* encodeValue(unsigned index, U32 generation) noexcept {
@@ -116,6 +164,8 @@ void observe(Slot& slot) noexcept {
     // The stall already counted goes on: only its time grows.
     if (slot.captured.load(std::memory_order_relaxed))
       slot.elapsedNs.store(elapsed, std::memory_order_relaxed);
+    if (slot.stallPendingIndex - slot.pendingRead.load(std::memory_order_relaxed) < pendingCapacity)
+      slot.pending[slot.stallPendingIndex % pendingCapacity].elapsedNs.store(elapsed, std::memory_order_relaxed);
     return;
   }
   slot.stallTask = task;
@@ -129,9 +179,14 @@ void observe(Slot& slot) noexcept {
   }
   // Over the limit, or the previous capture not yet written (a critical
   // task run from inside a stalled one): counted, not reported.
-  if (slot.reportsInWindow >= slot.perMinute || slot.captured.load(std::memory_order_relaxed)) {
+  const bool suppressed =
+      slot.reportsInWindow >= slot.perMinute || slot.captured.load(std::memory_order_relaxed);
+  queueStall(slot, *task, elapsed, !suppressed);
+  if (suppressed) {
     ++slot.suppressedSinceReport;
     slot.suppressed.fetch_add(1, std::memory_order_relaxed);
+    // Not traced, but kept: the next pass moves it to the ring.
+    StallWatchdog::reportPendingIs(*slot.root);
     return;
   }
   ++slot.reportsInWindow;
@@ -149,6 +204,17 @@ void observe(Slot& slot) noexcept {
 }
 
 } // namespace
+
+// A kept stall: the handler's capture, copied between runs.
+struct StallWatchdog::KeptStall {
+  char taskName[nameCapacity] = {};
+  char schedulerName[nameCapacity] = {};
+  U8 priority = 0;
+  const void* task = nullptr;
+  I64 runStartNs = 0;
+  I64 elapsedNs = 0;
+  bool reported = false;
+};
 
 void StallWatchdog::reportPendingIs(TaskSchedulerRoot& root) noexcept {
   root.stallReportPending_.store(true, std::memory_order_relaxed);
@@ -242,8 +308,12 @@ StallWatchdog::StallWatchdog(const Ptr<TaskSchedulerRoot>& root, std::chrono::mi
   slot.reportsInWindow = 0;
   slot.suppressedSinceReport = 0;
   slot.captured.store(false, std::memory_order_relaxed);
-  for (auto* counter : {&slot.signals, &slot.stalls, &slot.reports, &slot.suppressed})
+  for (auto* counter : {&slot.signals, &slot.stalls, &slot.reports, &slot.suppressed, &slot.notKept})
     counter->store(0, std::memory_order_relaxed);
+  // Nothing of a previous watchdog of this slot is left to take.
+  slot.pendingRead.store(slot.pendingWritten.load(std::memory_order_relaxed), std::memory_order_relaxed);
+  slot.stallPendingIndex = slot.pendingRead.load(std::memory_order_relaxed) - pendingCapacity;
+  kept_.reset(new KeptStall[keptStallCount]);
 
   sigevent sev{};
   sev.sigev_notify = SIGEV_THREAD_ID;
@@ -301,10 +371,53 @@ U64 StallWatchdog::reportCount() const noexcept { return slots[slot_].reports.lo
 U64 StallWatchdog::suppressedCount() const noexcept {
   return slots[slot_].suppressed.load(std::memory_order_relaxed);
 }
+U64 StallWatchdog::stallsNotKept() const noexcept { return slots[slot_].notKept.load(std::memory_order_relaxed); }
+
+void StallWatchdog::keepCapturedStalls() noexcept {
+  Slot& slot = slots[slot_];
+  const U32 written = slot.pendingWritten.load(std::memory_order_acquire);
+  U32 read = slot.pendingRead.load(std::memory_order_relaxed);
+  for (; read != written; ++read) {
+    const PendingStall& p = slot.pending[read % pendingCapacity];
+    KeptStall& k = kept_[keptNext_];
+    std::memcpy(k.taskName, p.taskName, nameCapacity);
+    std::memcpy(k.schedulerName, p.schedulerName, nameCapacity);
+    k.priority = p.priority;
+    k.task = p.task;
+    k.runStartNs = p.runStartNs;
+    k.elapsedNs = p.elapsedNs.load(std::memory_order_relaxed);
+    k.reported = p.reported;
+    keptNext_ = (keptNext_ + 1) % keptStallCount;
+    if (keptCount_ < keptStallCount)
+      ++keptCount_;
+  }
+  slot.pendingRead.store(read, std::memory_order_release);
+}
+
+std::vector<StallWatchdog::Stall> StallWatchdog::stalls() const {
+  std::vector<Stall> out;
+  out.reserve(keptCount_);
+  // The oldest is at keptNext_ once the ring is full, at 0 before.
+  const unsigned first = keptCount_ == keptStallCount ? keptNext_ : 0;
+  for (unsigned i = 0; i < keptCount_; ++i) {
+    const KeptStall& k = kept_[(first + i) % keptStallCount];
+    Stall s;
+    s.taskName = String(std::string_view(k.taskName));
+    s.schedulerName = String(std::string_view(k.schedulerName));
+    s.priority = TaskPriority(unsigned(k.priority));
+    s.task = TaskKey(k.task);
+    s.runStart = TaskTimeStamp(TaskTimeDuration(k.runStartNs));
+    s.elapsed = TaskTimeDuration(k.elapsedNs);
+    s.reported = k.reported;
+    out.push_back(std::move(s));
+  }
+  return out;
+}
 
 void StallWatchdog::writePendingReport() {
   Slot& slot = slots[slot_];
   root_->stallReportPending_.store(false, std::memory_order_relaxed);
+  keepCapturedStalls();
   if (!slot.captured.load(std::memory_order_acquire))
     return;
   const auto elapsed = std::chrono::nanoseconds(slot.elapsedNs.load(std::memory_order_relaxed));

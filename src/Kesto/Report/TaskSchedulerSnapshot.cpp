@@ -50,8 +50,16 @@ TaskSchedulerSnapshotImpl::TaskSchedulerSnapshotImpl(const TaskScheduler& schedu
   }
   if (includeCompletedTasks)
     completedTasksSkipped = scheduler.getCompletedTaskStats(&completedTasks, includeNoRunTasks, regex);
-  if (includeHistory && isRootScheduler)
+  if (includeHistory && isRootScheduler) {
     copyHistory(*scheduler.taskSchedulerHistory(), regex);
+    if (const StallWatchdog* watchdog = root->stallWatchdog()) {
+      stalls = watchdog->stalls();
+      if (regex)
+        std::erase_if(stalls, [regex](const StallWatchdog::Stall& s) {
+          return !regex->valid || !regex->match<0>(s.taskName);
+        });
+    }
+  }
   tasksSkipped = scheduler.getTaskStats(&tasks, includeNoRunTasks, regex);
   // Every group gets its nested snapshot, even when the filter or a zero run
   // count leaves its parent task out of `tasks`: what runs inside a group is
