@@ -67,6 +67,7 @@ std::vector<std::string> linesOf(const std::string& text) {
 TEST_F(AgentEndpointCommand, HelpListsEveryCommandOnePerLine) {
   const std::string answer = ask("help\n");
   EXPECT_EQ("show agent task scheduler [match REGEX] [json] [flat] [addresses] [no-history] [no-completed] [all]\n"
+            "show agent task latency [N]\n"
             "trace LEVELS\n"
             "trace clear LEVELS\n"
             "reset stats\n"
