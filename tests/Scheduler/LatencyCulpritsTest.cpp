@@ -1,30 +1,18 @@
 // Latency culprits on a real root driven by the event loop, with the
 // scheduler's clock moved by hand: each task's body advances the clock by
 // its run time, so latencies and culprit times are exact.
+#include "LatencyTestSupport.h"
 #include "RootTestSupport.h"
 
-#include <Kesto/Scheduler/LatencyCulprits.h>
 #include <Kesto/Scheduler/TaskGroup.h>
 
 #include <KestoSupport/MallocCounter.h>
 #include <KestoSupport/TraceCapture.h>
 
-#include <ostream>
-
-namespace Kesto {
-void PrintTo(const LatencyCulprit& c, std::ostream* os) {
-  *os << "{" << c.identifier.view() << ", " << c.runTime.count() << "ns, " << c.runs << " runs}";
-}
-} // namespace Kesto
-
 using namespace KestoTest;
 using namespace std::chrono_literals;
 
 namespace {
-
-LatencyCulprit culprit(const char* identifier, TaskTimeDuration runTime, U32 runs) {
-  return LatencyCulprit{String(identifier), runTime, runs};
-}
 
 class LatencyCulprits : public ::testing::Test {
 protected:
