@@ -12,6 +12,7 @@ int runShow(const std::vector<std::string>& args);
 int runWatch(const std::vector<std::string>& args);
 int runTrace(const std::vector<std::string>& args);
 int runReset(const std::vector<std::string>& args);
+int runLatency(const std::vector<std::string>& args);
 
 // The whole command line behind the program's name: dispatches to the
 // command, handles --help, and turns every failure into its line on
