@@ -8,6 +8,7 @@
 
 #include <KestoSupport/TestScheduler.h>
 
+#include <Kesto/Platform/Libevent.h>
 #include <Kesto/Platform/Platform.h>
 #include <Kesto/Report/AgentEndpoint.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
@@ -42,6 +43,12 @@ public:
 
 private:
   void serve(std::promise<void>& ready) {
+    serveUntilStopped(ready);
+    // The thread's event base goes with the thread's work.
+    Kesto::leFree();
+  }
+
+  void serveUntilStopped(std::promise<void>& ready) {
     using namespace Kesto;
     Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("agentRoot");
     root->latencyCulpritsIs(TaskDurationMs(35), 8);

@@ -107,7 +107,7 @@ TEST_F(AgentEndpointCommand, UnknownCommandIsOneErrorLine) {
 }
 
 TEST_F(AgentEndpointCommand, CarriageReturnBeforeTheNewlineIsNotPartOfTheCommand) {
-  EXPECT_EQ("trace LEVELS", linesOf(ask("help\r\n")).at(1));
+  EXPECT_EQ("trace LEVELS", linesOf(ask("help\r\n")).at(2));
 }
 
 TEST_F(AgentEndpointCommand, ShowIsTheHierarchicalTextReportOfTheRoot) {
