@@ -24,6 +24,10 @@
 //   demo_agent [real-seconds [simulated-seconds]] [--serve seconds]
 //                                          defaults: 3, 3600 and 0
 //
+// Latency culprits are on with a threshold of 50 ms: `kesto latency` names
+// the runs behind any task that waited that long, and the end of the run
+// prints the latest three such events (usually none on an idle machine).
+//
 // With TRACE=TaskScheduler/8 every scheduling step is traced; keep the run
 // short then, for example: TRACE=TaskScheduler/8 demo_agent 0.05 1
 #include <Kesto/EventKesto.h>
@@ -219,6 +223,7 @@ int main(int argc, char** argv) {
   }
 
   Ptr<TaskSchedulerRoot> root = schedulerRootKesto();
+  root->latencyCulpritsIs(TaskDurationMs(50), 16);
   Ptr<Cruncher> cruncher(new Cruncher(root));
   Ptr<Compactor> compactor(new Compactor(root));
   Ptr<Ingest> ingest(new Ingest(root, fds[1], cruncher.get()));
@@ -329,6 +334,7 @@ int main(int argc, char** argv) {
   fmt::print("Heartbeat: {} beats, lateness from {:.6f} s to {:.6f} s (a timer never fires early)\n",
              heartbeat->beats(), heartbeat->minLateness(), heartbeat->maxLateness());
   fmt::print("Audits: {}\n", audit->audits());
+  fmt::print("\n{}", latencyEventsRenderText(*root, 3).view());
 
   const bool consistent = feed->sent() == ingest->received() && heartbeat->minLateness() >= 0.0;
   endpoint->stop();
