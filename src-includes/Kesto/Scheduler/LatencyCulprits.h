@@ -144,14 +144,14 @@ private:
 // Ages are counted back from `now` (the scheduler's clock when not given).
 // The layout, one block per event:
 //
-//   latency culprits of main: threshold 40ms, 2 events since turned on, newest first
+//   latency culprits of main: threshold 40ms, 1 event since turned on, 1 shown, newest first
 //
 //   latency 42.000ms L reader in main: scheduled 1.250s ago, ran 1.208s ago; history covers the window
-//        30.000ms    1 run   N crunch
-//        12.000ms    2 runs  N parse
-//         0.000ms            outside any run
+//         30.000ms      1 run   N crunch
+//         12.000ms      2 runs  N parse
+//          0.000ms              outside any run
 //
-// A block ends with the culprits left out ("+ 3 more tasks", their time)
+// A block ends with the culprits left out ("3 more tasks", their time)
 // when there were more than LatencyEvent::maxCulprits, and with the time
 // outside any run. "latency culprits are off" when they are; the first line
 // followed by "no latency events" when none came yet.
