@@ -10,6 +10,10 @@
 //    and fails if the watchdog saw no signal at all.
 //  - RootChainNoClock: RootChain with the scheduler's clock replaced by a
 //    counter, to show what its clock readings cost.
+//  - RootChainLatencyOn: RootChain with latency culprits on and a threshold
+//    of one minute, which no run reaches: what the feature costs a thread
+//    that is never late (RootChain is the same with it off). It fails if an
+//    event was recorded.
 //  - BareChain: one zero-delay libevent timer whose callback deletes,
 //    re-assigns and re-adds its event and calls an empty function; the same
 //    base as the root's, at the same priority.
@@ -81,8 +85,10 @@ U64 runsOf(const std::vector<Ptr<ChainTask>>& tasks, const Ptr<TaskSchedulerRoot
   return n;
 }
 
-void rootBench(benchmark::State& state, const std::vector<TaskPriority>& priorities, bool watchdogOn = false) {
+void rootBench(benchmark::State& state, const std::vector<TaskPriority>& priorities, bool watchdogOn = false,
+               TaskDurationMs latencyThreshold = TaskDurationMs(0)) {
   Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("bench");
+  root->latencyCulpritsIs(latencyThreshold, 100);
   Ptr<StallWatchdog> watchdog;
   if (watchdogOn)
     watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(50), 10);
@@ -113,11 +119,16 @@ void rootBench(benchmark::State& state, const std::vector<TaskPriority>& priorit
     state.counters["signals_per_batch"] = double(watchdog->signalCount()) / double(state.iterations());
     state.counters["stalls"] = double(watchdog->stallCount());
   }
+  if (root->latencyEventCount() != 0)
+    state.SkipWithError("a run crossed the latency threshold");
   perPassCounts(state, root, tasks, left);
 }
 
 void BM_RootChain(benchmark::State& state) { rootBench(state, {TaskPriority::normal}); }
 void BM_RootChainWatchdog(benchmark::State& state) { rootBench(state, {TaskPriority::normal}, true); }
+void BM_RootChainLatencyOn(benchmark::State& state) {
+  rootBench(state, {TaskPriority::normal}, false, TaskDurationMs(60000));
+}
 
 // The same with the scheduler's clock replaced by a counter: the difference
 // to RootChain is what the steady-clock readings of a pass cost.
@@ -191,6 +202,7 @@ void BM_BareMany(benchmark::State& state) { bareBench(state, 1000); }
 BENCHMARK(BM_BareChain)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RootChain)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RootChainWatchdog)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RootChainLatencyOn)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RootChainNoClock)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_BareMany)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RootMixed)->Unit(benchmark::kMillisecond);

@@ -178,6 +178,8 @@ int runKesto(const std::vector<std::string>& args) {
       return runWatch(rest);
     if (command == "trace")
       return runTrace(rest);
+    if (command == "latency")
+      return runLatency(rest);
     if (command == "timeline")
       return runTimeline(rest);
     return runReset(rest);

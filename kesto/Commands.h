@@ -12,6 +12,8 @@ int runShow(const std::vector<std::string>& args);
 int runWatch(const std::vector<std::string>& args);
 int runTrace(const std::vector<std::string>& args);
 int runReset(const std::vector<std::string>& args);
+// In Latency.cpp.
+int runLatency(const std::vector<std::string>& args);
 // In Timeline.cpp.
 int runTimeline(const std::vector<std::string>& args);
 

@@ -19,6 +19,7 @@ constexpr const char* overview =
     "  trace AGENT [--clear] LEVELS\n"
     "                            changes the agent's trace levels (as TRACE does) and shows them\n"
     "  reset AGENT               resets the agent's scheduler statistics\n"
+    "  latency AGENT [--count N] the agent's latest late runs and the runs that made them late\n"
     "  timeline [AGENT]          the agent's recent scheduling as a Trace Event Format document\n"
     "\n"
     "AGENT is a pid or an agent's name; show, watch and timeline may leave it out\n"
@@ -70,6 +71,17 @@ constexpr const char* resetUsage =
     "Resets the scheduler statistics of the agent, its groups included, and waits\n"
     "until the reset has ended.\n";
 
+constexpr const char* latencyUsage =
+    "usage: kesto latency AGENT [--count N]\n"
+    "\n"
+    "Prints the agent's latest latency events, newest first: each run that started\n"
+    "at least the agent's threshold after its task was scheduled, with the runs\n"
+    "that held the thread in between (the culprits, largest run time first) and\n"
+    "the time outside any run. Ages count back from the moment of the answer.\n"
+    "The agent turns this on itself (TaskSchedulerRoot::latencyCulpritsIs); until\n"
+    "then it answers that latency culprits are off.\n"
+    "  --count N   only the N newest events\n";
+
 constexpr const char* timelineUsage =
     "usage: kesto timeline [AGENT]\n"
     "\n"
@@ -79,12 +91,13 @@ constexpr const char* timelineUsage =
     "Redirect it to a file (kesto timeline AGENT > timeline.json) and open that in a\n"
     "viewer of Trace Event Format files.\n";
 
-constexpr std::array<std::pair<std::string_view, const char*>, 6> commandUsages{{
+constexpr std::array<std::pair<std::string_view, const char*>, 7> commandUsages{{
     {"list", listUsage},
     {"show", showUsage},
     {"watch", watchUsage},
     {"trace", traceUsage},
     {"reset", resetUsage},
+    {"latency", latencyUsage},
     {"timeline", timelineUsage},
 }};
 

@@ -46,7 +46,7 @@ template <typename... Args>
 const char* usageText(std::string_view command);
 
 // The commands, for the dispatcher and the help text: list, show, watch,
-// trace, reset, timeline.
+// trace, reset, latency, timeline.
 bool isCommand(std::string_view command);
 
 } // namespace Kesto::Cmd

@@ -44,6 +44,7 @@
 #include <Kesto/Report/TaskNameRegex.h>
 #include <Kesto/Report/TaskSchedulerSnapshot.h>
 #include <Kesto/Scheduler/FileDescriptorTask.h>
+#include <Kesto/Scheduler/LatencyCulprits.h>
 #include <Kesto/Scheduler/ResetStatsTask.h>
 #include <Kesto/Scheduler/SlabAllocatorScheduler.h>
 #include <Kesto/Scheduler/Task.h>

@@ -21,7 +21,7 @@ void expectFailureLine(const ChildResult& result, int status, const std::string&
   EXPECT_NE(lines[0].find(part), std::string::npos) << lines[0];
 }
 
-const std::vector<std::string> commands{"list", "show", "watch", "trace", "reset", "timeline"};
+const std::vector<std::string> commands{"list", "show", "watch", "trace", "reset", "latency", "timeline"};
 
 TEST(KestoUsage, NoCommandIsAUsageError) { expectFailureLine(runKesto({}), 2, "missing command"); }
 
@@ -67,6 +67,8 @@ TEST(KestoUsage, OperandsAreCounted) {
   expectFailureLine(runKesto({"trace"}), 2, "missing AGENT and LEVELS");
   expectFailureLine(runKesto({"trace", "agent"}), 2, "missing LEVELS");
   expectFailureLine(runKesto({"reset"}), 2, "missing AGENT");
+  expectFailureLine(runKesto({"latency"}), 2, "latency: missing AGENT");
+  expectFailureLine(runKesto({"latency", "a", "b"}), 2, "unexpected argument 'b'");
 }
 
 TEST(KestoUsage, BadIntervalOrCountIsAUsageError) {
@@ -74,6 +76,8 @@ TEST(KestoUsage, BadIntervalOrCountIsAUsageError) {
   expectFailureLine(runKesto({"watch", "--interval=-1"}), 2, "--interval needs a positive number");
   expectFailureLine(runKesto({"watch", "--count", "0"}), 2, "--count needs a whole number");
   expectFailureLine(runKesto({"watch", "--count"}), 2, "--count needs a value");
+  expectFailureLine(runKesto({"latency", "agent", "--count", "0"}), 2, "--count needs a whole number");
+  expectFailureLine(runKesto({"latency", "agent", "--count=x"}), 2, "--count needs a whole number");
 }
 
 TEST(KestoUsage, ExpressionWithABlankIsAUsageError) {
@@ -84,7 +88,7 @@ TEST(KestoUsage, ExpressionWithABlankIsAUsageError) {
 
 TEST(KestoUsage, AgentThatDoesNotRunCannotBeReached) {
   const std::string pid = std::to_string(INT_MAX);
-  for (const char* command : {"show", "watch", "reset"})
+  for (const char* command : {"show", "watch", "reset", "latency"})
     expectFailureLine(runKesto({command, pid}), 1, "no agent '" + pid + "' is running");
   expectFailureLine(runKesto({"trace", pid, "KestoUtil/5"}), 1, "no agent '" + pid + "' is running");
 }

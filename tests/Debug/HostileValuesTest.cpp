@@ -75,8 +75,9 @@ TEST_F(DebugHostileValues, TraceSettingsOfHostileTextsGiveTheControlsOfTheLangua
     }
     // Clearing the same text takes every level away again, without a crash.
     Kesto::Platform::clearKestoDebug(c.text.c_str());
-    if (c.levels >= 0 && !c.wildcard)
+    if (c.levels >= 0 && !c.wildcard) {
       EXPECT_EQ(-1, controlLevels(c.name.c_str(), false));
+    }
   }
   // A null text clears nothing and does not read the environment.
   Kesto::Platform::setupKestoDebug("NullClear/1");

@@ -69,6 +69,7 @@ std::vector<std::string> linesOf(const std::string& text) {
 TEST_F(AgentEndpointCommand, HelpListsEveryCommandOnePerLine) {
   const std::string answer = ask("help\n");
   EXPECT_EQ("show agent task scheduler [match REGEX] [json] [flat] [addresses] [no-history] [no-completed] [all]\n"
+            "show agent task latency [N]\n"
             "show agent task timeline\n"
             "trace LEVELS\n"
             "trace clear LEVELS\n"

@@ -293,6 +293,7 @@ TEST(SnapshotShowText, DataHasBeenWrittenKeepsTheBufferForTheNextSlice) {
   const unsigned long allocations = KestoSupport::mallocCalls() - before;
   EXPECT_EQ(first, show->getData());
   EXPECT_EQ(buffer, show->getData().data());
-  if (KestoSupport::mallocCountingWorks())
+  if (KestoSupport::mallocCountingWorks()) {
     EXPECT_EQ(0u, allocations);
+  }
 }

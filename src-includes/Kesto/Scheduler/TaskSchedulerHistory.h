@@ -9,12 +9,19 @@
 // from historyEntryCountIs) and recording assigns to one, and an event's identifier is a short or
 // deduplicated String whose copy is a plain 24-byte copy. eventIdentifier()
 // checks that property, because the ring outlives the tasks it names.
+//
+// The ring also carries the latency culprits of its root (LatencyCulprits.h):
+// off by default; when on, a run that starts at least the threshold after
+// its scheduling is attributed from the ring and kept in a second ring of
+// the latest latency events. Off, the run path pays one compare with a
+// threshold that no wait reaches.
 #pragma once
 
 #include <Kesto/Common/Export.h>
 
 #include <Kesto/Core/Ptr.h>
 #include <Kesto/Core/String.h>
+#include <Kesto/Scheduler/LatencyCulprits.h>
 #include <Kesto/Scheduler/TaskTypes.h>
 
 #include <ZuSlab/Allocator.h>
@@ -22,11 +29,13 @@
 #include <compare>
 #include <cstddef>
 #include <iterator>
+#include <memory>
 #include <vector>
 
 namespace Kesto {
 
 class _TaskBase;
+class LatencyRecorder;
 class TaskScheduler;
 
 class KESTO_EXPORT TaskSchedulerEventType {
@@ -115,6 +124,7 @@ public:
   class const_iterator;
 
   explicit TaskSchedulerHistory(unsigned capacity);
+  ~TaskSchedulerHistory();
 
   // Puts the event first; when full the oldest falls off; with capacity 0
   // the event is dropped. Constant time, no allocation.
@@ -142,6 +152,36 @@ public:
   // Removes all events; the capacity stays. `owner`, when given, names the
   // scheduler in the trace line.
   void clearHistory(const TaskScheduler* owner = nullptr);
+
+  // --- latency culprits --------------------------------------------------------
+  // Latency events kept at most: 4096 events of about 400 bytes are 1.6 MB,
+  // and an operator reads the last few; more is a mistake in the argument.
+  static constexpr U32 maxLatencyEventsKept = 4096;
+
+  // On with a threshold and the number of events kept, off with a zero
+  // threshold. Turning on allocates the ring of events and the walk's
+  // scratch space; off releases them and the events. Changing the settings
+  // while on keeps the events that fit and the count. A non-zero threshold
+  // with `eventsKept` 0 or above maxLatencyEventsKept is a RuntimeException.
+  void latencyCulpritsIs(TaskDurationMs threshold, U32 eventsKept);
+  // 0 when off.
+  TaskDurationMs latencyCulpritsThreshold() const noexcept;
+  // 0 when off.
+  U32 latencyEventsKept() const noexcept;
+  // Events seen since latency culprits were turned on; 0 when off.
+  U64 latencyEventCount() const noexcept;
+  // At most `newest` of the kept events, newest first: a copy, which
+  // allocates. Empty when off.
+  std::vector<LatencyEvent> latencyEvents(U32 newest = ~U32(0)) const;
+
+  // The run path: whether a wait of `waited` is a latency event. Off, the
+  // threshold is the largest duration, which no wait reaches.
+  bool latencyThresholdCrossed(TaskTimeDuration waited) const noexcept { return waited >= latencyThreshold_; }
+  // Records the event of a task that waited on `schedulerName`'s queue
+  // from `scheduledAt` to `now`, before its "run start" goes in. No
+  // allocation, unless level 5 of "TaskScheduler" traces the event.
+  [[gnu::cold]] void latencyEventRecord(const String& identifier, const String& schedulerName,
+                                        TaskTimeStamp scheduledAt, TaskTimeStamp now);
 
   // Newest first.
   const_iterator begin() const noexcept;
@@ -173,6 +213,9 @@ private:
   std::vector<Event, Allocator<Event>> slots_;
   unsigned newest_ = 0;
   unsigned size_ = 0;
+  // TaskTimeDuration::max() while latency culprits are off.
+  TaskTimeDuration latencyThreshold_ = TaskTimeDuration::max();
+  std::unique_ptr<LatencyRecorder> latencyRecorder_;
 };
 
 // Walks the events newest first; random access, as over an array.

@@ -47,6 +47,7 @@
 #include <memory>
 #include <thread>
 #include <unordered_set>
+#include <vector>
 
 namespace Kesto {
 
@@ -156,6 +157,21 @@ public:
   unsigned historyEntryCount() const;
   void historyEntryCountIs(unsigned count);
   unsigned historyEventCount() const;
+
+  // --- latency culprits (LatencyCulprits.h) -------------------------------------------
+  // For the root and all its groups, which share its history. On with a
+  // threshold and the number of latency events kept (1 to
+  // TaskSchedulerHistory::maxLatencyEventsKept, else RuntimeException), off
+  // with a zero threshold. Turning on allocates; the run path never does.
+  void latencyCulpritsIs(TaskDurationMs threshold, U32 eventsKept);
+  // 0 when off.
+  TaskDurationMs latencyCulpritsThreshold() const;
+  // 0 when off.
+  U32 latencyEventsKept() const;
+  // Latency events seen since turned on.
+  U64 latencyEventCount() const;
+  // At most `newest` kept events, newest first; a copy.
+  std::vector<LatencyEvent> latencyEvents(U32 newest = ~U32(0)) const;
 
   // --- reading ----------------------------------------------------------------------
   const Ptr<Platform::CallbackControl>& callbackControl() const noexcept { return callbackControl_; }

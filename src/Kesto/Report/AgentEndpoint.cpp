@@ -8,6 +8,7 @@
 #include <Kesto/Scheduler/TimerTask.h>
 #include <Kesto/Util/Socket.h>
 
+#include "Report/AgentEndpointLatency.h"
 #include "Report/AgentEndpointName.h"
 #include "Report/AgentEndpointTimeline.h"
 #include "Report/SigpipeBlock.h"
@@ -81,6 +82,7 @@ void refuseAndClose(int fd, std::string_view line) {
 
 const char* helpText() {
   return "show agent task scheduler [match REGEX] [json] [flat] [addresses] [no-history] [no-completed] [all]\n"
+         "show agent task latency [N]\n"
          "show agent task timeline\n"
          "trace LEVELS\n"
          "trace clear LEVELS\n"
@@ -399,6 +401,11 @@ private:
         return;
       }
       startReport(request);
+      return;
+    }
+    if (words.size() >= 4 && words[0] == "show" && words[1] == "agent" && words[2] == "task" &&
+        words[3] == "latency") {
+      answer(Impl::latencyCommandAnswer(*root_, words));
       return;
     }
     if (words.size() == 4 && words[0] == "show" && words[1] == "agent" && words[2] == "task" &&

@@ -188,6 +188,12 @@ void TaskScheduler::taskSchedulerUnlinkTask(const TaskTimeStamp& now, TaskRunQue
   KESTO_ASSERT(queue.scheduledCount_ - queue.dequeuedCount_ >= 0, className, "");
   queue.remove(*task);
   schedulingLatencyRecord(*task, now);
+  // The task is taken out to run and its "run start" is not in the ring
+  // yet: the ring ends where the latency window ends. Off, this is one
+  // compare with a threshold no wait reaches.
+  TaskSchedulerHistory& history = *taskSchedulerHistory_.get();
+  if (history.latencyThresholdCrossed(now - task->taskScheduleTime_)) [[unlikely]]
+    history.latencyEventRecord(task->taskHistoryIdentifier(), schedulerName_, task->taskScheduleTime_, now);
 }
 
 void TaskScheduler::schedulerHasRunnableTasksIs(bool value, const TaskTimeStamp& now) {

@@ -3,6 +3,12 @@
 #include <Kesto/Scheduler/TaskSchedulerHistory.h>
 #include <Kesto/Debug/Trace.h>
 
+#include "Scheduler/LatencyRecorder.h"
+
+#include <fmt/format.h>
+
+#include <iterator>
+
 namespace Kesto {
 
 namespace {
@@ -81,6 +87,8 @@ std::vector<TaskSchedulerHistory::Event, Allocator<TaskSchedulerHistory::Event>>
 
 TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity) : slots_(blankSlots(capacity)) {}
 
+TaskSchedulerHistory::~TaskSchedulerHistory() = default;
+
 void TaskSchedulerHistory::historyEntryCountIs(unsigned capacity) {
   if (capacity == slots_.size())
     return;
@@ -92,6 +100,8 @@ void TaskSchedulerHistory::historyEntryCountIs(unsigned capacity) {
   slots_.swap(slots);
   newest_ = 0;
   size_ = kept;
+  if (latencyRecorder_)
+    latencyRecorder_->historyCapacityIs(capacity);
 }
 
 void TaskSchedulerHistory::clearHistory(const TaskScheduler* owner) {
@@ -99,6 +109,62 @@ void TaskSchedulerHistory::clearHistory(const TaskScheduler* owner) {
     KESTO_TRACE(Debug::taskScheduler, 2, className, "{} history cleared", *owner);
   size_ = 0;
   newest_ = 0;
+}
+
+// --- latency culprits ------------------------------------------------------------
+
+void TaskSchedulerHistory::latencyCulpritsIs(TaskDurationMs threshold, U32 eventsKept) {
+  if (threshold.count() == 0) {
+    latencyThreshold_ = TaskTimeDuration::max();
+    latencyRecorder_.reset();
+    return;
+  }
+  if (eventsKept == 0)
+    KESTO_THROW(Debug::taskScheduler, className,
+                "latency culprits with a threshold of {}ms need at least 1 event kept, not 0", threshold.count());
+  if (eventsKept > maxLatencyEventsKept)
+    KESTO_THROW(Debug::taskScheduler, className, "latency culprits keep at most {} events, not {}",
+                maxLatencyEventsKept, eventsKept);
+  if (latencyRecorder_) {
+    latencyRecorder_->thresholdIs(threshold);
+    latencyRecorder_->eventsKeptIs(eventsKept);
+  } else {
+    latencyRecorder_ = std::make_unique<LatencyRecorder>(threshold, eventsKept, historyEntryCount());
+  }
+  latencyThreshold_ = threshold;
+}
+
+TaskDurationMs TaskSchedulerHistory::latencyCulpritsThreshold() const noexcept {
+  return latencyRecorder_ ? latencyRecorder_->threshold() : TaskDurationMs(0);
+}
+
+U32 TaskSchedulerHistory::latencyEventsKept() const noexcept {
+  return latencyRecorder_ ? latencyRecorder_->eventsKept() : 0;
+}
+
+U64 TaskSchedulerHistory::latencyEventCount() const noexcept {
+  return latencyRecorder_ ? latencyRecorder_->eventCount() : 0;
+}
+
+std::vector<LatencyEvent> TaskSchedulerHistory::latencyEvents(U32 newest) const {
+  return latencyRecorder_ ? latencyRecorder_->events(newest) : std::vector<LatencyEvent>();
+}
+
+void TaskSchedulerHistory::latencyEventRecord(const String& identifier, const String& schedulerName,
+                                              TaskTimeStamp scheduledAt, TaskTimeStamp now) {
+  const LatencyEvent& event = latencyRecorder_->record(*this, identifier, schedulerName, scheduledAt, now);
+  if (KESTO_ENABLED(Debug::taskScheduler, 5)) {
+    std::string culprits;
+    for (const LatencyCulprit& c : event.culpritList())
+      fmt::format_to(std::back_inserter(culprits), "{}{} {} in {} run{}", culprits.empty() ? "" : ", ",
+                     c.identifier, durationToString(c.runTime), c.runs, c.runs == 1 ? "" : "s");
+    if (event.culpritsLeftOut != 0)
+      fmt::format_to(std::back_inserter(culprits), ", {} more {}", event.culpritsLeftOut,
+                     durationToString(event.culpritsLeftOutTime));
+    KESTO_TRACE(Debug::taskScheduler, 5, className, "{} Latency {} of {}, culprits: {}{}", event.schedulerName,
+                durationToString(event.latency), event.identifier, culprits.empty() ? "none" : culprits,
+                event.historyCoversWindow ? "" : " (history does not cover the window)");
+  }
 }
 
 } // namespace Kesto

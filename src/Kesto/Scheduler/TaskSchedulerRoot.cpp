@@ -284,6 +284,29 @@ void TaskSchedulerRoot::historyEntryCountIs(unsigned count) { taskSchedulerHisto
 
 unsigned TaskSchedulerRoot::historyEventCount() const { return taskSchedulerHistory_->historyEventCount(); }
 
+// --- latency culprits -----------------------------------------------------------------------------
+
+void TaskSchedulerRoot::latencyCulpritsIs(TaskDurationMs threshold, U32 eventsKept) {
+  const TaskDurationMs before = latencyCulpritsThreshold();
+  taskSchedulerHistory_->latencyCulpritsIs(threshold, eventsKept);
+  if (threshold != before)
+    KESTO_TRACE(Debug::taskScheduler, 2, className, "{} latency culprits {}", *this,
+                threshold.count() ? fmt::format("over {}ms, {} events kept", threshold.count(), eventsKept)
+                                  : std::string("off"));
+}
+
+TaskDurationMs TaskSchedulerRoot::latencyCulpritsThreshold() const {
+  return taskSchedulerHistory_->latencyCulpritsThreshold();
+}
+
+U32 TaskSchedulerRoot::latencyEventsKept() const { return taskSchedulerHistory_->latencyEventsKept(); }
+
+U64 TaskSchedulerRoot::latencyEventCount() const { return taskSchedulerHistory_->latencyEventCount(); }
+
+std::vector<LatencyEvent> TaskSchedulerRoot::latencyEvents(U32 newest) const {
+  return taskSchedulerHistory_->latencyEvents(newest);
+}
+
 // --- nested runs ----------------------------------------------------------------------------------
 
 TaskSchedulerRoot::PreserveCurrentlyRunningTaskAnchor::PreserveCurrentlyRunningTaskAnchor(
