@@ -101,6 +101,10 @@ demo: configure
 	  echo "\$$ kesto list"; $(BUILD_DIR)/kesto/kesto list; \
 	  echo; echo "\$$ kesto show $$pid   (first 40 lines)"; \
 	  $(BUILD_DIR)/kesto/kesto show $$pid | head -n 40; \
+	  echo; echo "\$$ kesto latency $$pid"; $(BUILD_DIR)/kesto/kesto latency $$pid; \
+	  echo; echo "\$$ kesto timeline $$pid > /tmp/demo_agent_timeline_live.json"; \
+	  $(BUILD_DIR)/kesto/kesto timeline $$pid > /tmp/demo_agent_timeline_live.json && \
+	    echo "$$(wc -c < /tmp/demo_agent_timeline_live.json) bytes: open it in a trace viewer (README, \"When something goes wrong\")"; \
 	  cat <&3 >/dev/null; \
 	  echo; echo "The agent has finished. kesto --help lists the other commands."
 

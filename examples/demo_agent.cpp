@@ -203,7 +203,9 @@ double threadCpuSeconds() {
 // Waits its turn at low priority; made late by whatever runs before it.
 // A moment after that run it takes a copy of the scheduler's tree with its
 // history, which holds the start of the agent, the slow run and the late
-// one, for the timeline.
+// one, for the timeline, and the latency events of that moment: later ones
+// (a group's tasks waiting while it is suspended, say) would push its own
+// out of the root's ring by the end of the run.
 class Latecomer : public TimerTask {
 public:
   explicit Latecomer(const Ptr<TaskSchedulerRoot>& root) : TimerTask(root, TaskPriority::low, "latecomer"),
@@ -211,6 +213,8 @@ public:
   EXAMPLE_TASK_DELETE
 
   const Ptr<TaskSchedulerSnapshot const>& timeline() const { return timeline_; }
+  const std::vector<LatencyEvent>& latencyEvents() const { return latencyEvents_; }
+  const String& latencyText() const { return latencyText_; }
 
   void taskExecute() override {
     if (taskRunCount() == 1) {
@@ -218,16 +222,21 @@ public:
       return;
     }
     timeline_ = root_->snapshot(String(), false, true, true, String(), TaskScheduler::displayOrderNotSpecified);
+    root_->historyEntryCountIs(TaskSchedulerRoot::historyEntryCountDefault);
+    latencyEvents_ = root_->latencyEvents();
+    latencyText_ = latencyEventsRenderText(*root_, 3);
   }
 
 private:
   TaskSchedulerRoot* root_;
   Ptr<TaskSchedulerSnapshot const> timeline_;
+  std::vector<LatencyEvent> latencyEvents_;
+  String latencyText_;
 };
 
 // Whether the latecomer's late run was put down to the slow run first.
-bool lateRunBlamedOnRebuild(const TaskSchedulerRoot& root) {
-  for (const LatencyEvent& event : root.latencyEvents())
+bool lateRunBlamedOnRebuild(const std::vector<LatencyEvent>& events) {
+  for (const LatencyEvent& event : events)
     if (event.identifier.view() == "L latecomer")
       return event.culpritCount >= 1 && event.culprits[0].identifier.view() == "N rebuild";
   return false;
@@ -376,8 +385,6 @@ int main(int argc, char** argv) {
   auto wall = Clock::now();
   fmt::print("Running {} s of real event loop...\n", realSeconds);
   Platform::doEventLoop(realSeconds);
-  if (latecomer->timeline())
-    root->historyEntryCountIs(TaskSchedulerRoot::historyEntryCountDefault);
   fmt::print("  {} messages in, {} heartbeats, {:.3f} s of real time\n", ingest->received(), heartbeat->beats(),
              std::chrono::duration<double>(Clock::now() - wall).count());
 
@@ -453,8 +460,8 @@ int main(int argc, char** argv) {
   fmt::print("Heartbeat: {} beats, lateness from {:.6f} s to {:.6f} s (a timer never fires early)\n",
              heartbeat->beats(), heartbeat->minLateness(), heartbeat->maxLateness());
   fmt::print("Audits: {}\n", audit->audits());
-  fmt::print("\nThe latest late runs, each with the runs that made it late:\n{}",
-             latencyEventsRenderText(*root, 3).view());
+  fmt::print("\nThe late runs of the start, each with the runs that made it late:\n{}",
+             latecomer->latencyText().view());
 
   if (latecomer->timeline()) {
     const String timelinePath("/tmp/demo_agent_timeline.json");
@@ -468,7 +475,7 @@ int main(int argc, char** argv) {
              watchdog->stallCount(), watchdog->reportCount());
 
   const bool consistent = feed->sent() == ingest->received() && heartbeat->minLateness() >= 0.0 &&
-                          watchdog->stallCount() >= 1 && lateRunBlamedOnRebuild(*root);
+                          watchdog->stallCount() >= 1 && lateRunBlamedOnRebuild(latecomer->latencyEvents());
   if (crash) {
     fmt::print("\nA task now dereferences a null pointer; the flight recorder writes the thread's last events "
                "to standard error before the process dies of SIGSEGV\n");

@@ -110,7 +110,9 @@ TEST_F(AgentEndpointCommand, UnknownCommandIsOneErrorLine) {
 }
 
 TEST_F(AgentEndpointCommand, CarriageReturnBeforeTheNewlineIsNotPartOfTheCommand) {
-  EXPECT_EQ("trace LEVELS", linesOf(ask("help\r\n")).at(2));
+  const std::string help = ask("help\n");
+  ASSERT_EQ(0u, help.rfind("show agent task scheduler", 0)) << help;
+  EXPECT_EQ(help, ask("help\r\n"));
 }
 
 TEST_F(AgentEndpointCommand, ShowIsTheHierarchicalTextReportOfTheRoot) {
