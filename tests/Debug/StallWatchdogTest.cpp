@@ -17,6 +17,7 @@
 
 #include <time.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -210,6 +211,58 @@ Ptr<TestTask> stallingTask(const Ptr<TaskSchedulerRoot>& root, const std::string
 }
 
 } // namespace
+
+// The steady clock plus an offset the test moves forward: the scheduler and
+// the watchdog's signal handler read it, so the offset is a lock-free atomic.
+class OffsetClock {
+public:
+  OffsetClock() { taskClockFnIs(&OffsetClock::read); }
+  ~OffsetClock() {
+    taskClockFnIs(nullptr);
+    offsetNs_.store(0);
+  }
+  OffsetClock(const OffsetClock&) = delete;
+  OffsetClock& operator=(const OffsetClock&) = delete;
+  void advance(std::chrono::nanoseconds d) { offsetNs_.fetch_add(d.count()); }
+
+private:
+  static TaskTimeStamp read() noexcept {
+    return TaskTimeStamp(TaskTimeDuration(steadyClockNanos() + offsetNs_.load(std::memory_order_relaxed)));
+  }
+  static inline std::atomic<I64> offsetNs_{0};
+  static_assert(std::atomic<I64>::is_always_lock_free);
+};
+
+TEST(StallWatchdog, FirstReportOfTheNextMinuteSaysHowManyStallsTheLimitLeftOut) {
+  OffsetClock clock;
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("minuteroot");
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(8), 1);
+  std::vector<Ptr<TestTask>> tasks;
+  // One report a minute: "first" is reported, "second" and "third" are left
+  // out; a minute later "fourth" is reported and says so.
+  for (const char* name : {"first", "second", "third"})
+    tasks.push_back(stallingTask(root, name, watchdog));
+  tasks.push_back(taskOn(root, "minuteLater", [&clock](TestTask&) { clock.advance(std::chrono::seconds(61)); }));
+  tasks.push_back(stallingTask(root, "fourth", watchdog));
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  for (auto& t : tasks)
+    t->scheduleTask();
+  Platform::doEventLoop();
+  ASSERT_EQ(watchdog->stallCount(), 4u);
+  EXPECT_EQ(watchdog->reportCount(), 2u);
+  EXPECT_EQ(watchdog->suppressedCount(), 2u);
+  const auto reports = capture.linesWith("stall: task");
+  ASSERT_EQ(reports.size(), 2u) << capture.text();
+  EXPECT_NE(reports[0].find("stall: task first of scheduler minuteroot"), std::string::npos) << reports[0];
+  EXPECT_NE(reports[1].find("stall: task fourth of scheduler minuteroot"), std::string::npos) << reports[1];
+  const auto leftOut = capture.linesWith("earlier stalls not reported");
+  ASSERT_EQ(leftOut.size(), 1u) << capture.text();
+  EXPECT_NE(leftOut[0].find("stall: 2 earlier stalls not reported (at most 1 reports per minute)"), std::string::npos)
+      << leftOut[0];
+  // It comes with the report of "fourth", after the first report's lines.
+  const std::string text = capture.text();
+  EXPECT_LT(text.find("stall: task first"), text.find("earlier stalls not reported"));
+}
 
 TEST(StallWatchdog, KeptStallsIncludeThoseTheRateLimitLeftOutOldestFirst) {
   Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("keptroot");

@@ -29,8 +29,8 @@
 // process is then killed by a fatal signal.
 //
 // Reports are rate-limited: at most `reportsPerMinute` in each minute of the
-// monotonic clock; stalls beyond it are counted and the next report says how
-// many were left out.
+// scheduler's clock (taskClockNow()); stalls beyond it are counted and the
+// next report says how many were left out.
 //
 // The latest `keptStallCount` stalls, those left out of the trace included,
 // are kept in a ring allocated at arming, for a timeline to show: task,

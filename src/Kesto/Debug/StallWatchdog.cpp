@@ -69,7 +69,7 @@ struct Slot {
   const TaskImpl* stallTask = nullptr;
   U64 stallRunCount = 0;
 
-  // Rate limit: a fixed minute of the monotonic clock.
+  // Rate limit: a fixed minute of the scheduler's clock.
   I64 windowStartNs = 0;
   U32 reportsInWindow = 0;
   U64 suppressedSinceReport = 0;
@@ -102,11 +102,10 @@ struct Slot {
 
 Slot slots[StallWatchdog::capacity];
 
-I64 monotonicNs() noexcept {
-  timespec ts{};
-  ::clock_gettime(CLOCK_MONOTONIC, &ts);
-  return I64(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
-}
+// The minute of the rate limit is read on the scheduler's clock, the one
+// the elapsed time comes from: a test that installs its own clock can move
+// a stall into the next minute without waiting for it.
+I64 schedulerClockNs() noexcept { return taskClockNow().time_since_epoch().count(); }
 
 void copyName(char (&to)[nameCapacity], std::string_view from) noexcept {
   const std::size_t n = std::min(from.size(), nameCapacity - 1);
@@ -172,7 +171,7 @@ void observe(Slot& slot) noexcept {
   slot.stallRunCount = runCount;
   slot.stalls.fetch_add(1, std::memory_order_relaxed);
 
-  const I64 now = monotonicNs();
+  const I64 now = schedulerClockNs();
   if (now - slot.windowStartNs >= minuteNs) {
     slot.windowStartNs = now;
     slot.reportsInWindow = 0;
@@ -304,7 +303,7 @@ StallWatchdog::StallWatchdog(const Ptr<TaskSchedulerRoot>& root, std::chrono::mi
   slot.perMinute = reportsPerMinute_;
   slot.seenTask = slot.stallTask = nullptr;
   slot.seenRunCount = slot.stallRunCount = 0;
-  slot.windowStartNs = monotonicNs();
+  slot.windowStartNs = schedulerClockNs();
   slot.reportsInWindow = 0;
   slot.suppressedSinceReport = 0;
   slot.captured.store(false, std::memory_order_relaxed);
