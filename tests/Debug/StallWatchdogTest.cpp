@@ -7,6 +7,7 @@
 #include <Kesto/Debug/StallWatchdog.h>
 #include <Kesto/Platform/Platform.h>
 #include <Kesto/Report/SnapshotTimeline.h>
+#include <Kesto/Scheduler/TaskGroup.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
 #include <KestoSupport/TestScheduler.h>
@@ -211,6 +212,44 @@ Ptr<TestTask> stallingTask(const Ptr<TaskSchedulerRoot>& root, const std::string
 }
 
 } // namespace
+
+TEST(StallWatchdog, StallInsideNestedGroupsNamesTheGroupsParentTaskAndTheTaskRunningInside) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("grouproot");
+  Ptr<TaskGroup> outer = TaskGroup::TaskGroupIs("outer", TaskPriority::normal,
+                                                TaskGroupPriorityEnforcement::onlyAllowRegularPriorities, root);
+  Ptr<TaskGroup> inner = TaskGroup::TaskGroupIs("inner", TaskPriority::normal,
+                                                TaskGroupPriorityEnforcement::onlyAllowRegularPriorities, outer);
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(20), 10);
+  Ptr<TestTask> worker(new TestTask(inner, TaskPriority::high, "worker", [&watchdog](TestTask&) {
+    kestoTestSpinningFunction(std::chrono::milliseconds(0), std::chrono::milliseconds(0), watchdog.get(), 4);
+  }));
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  worker->scheduleTask();
+  Platform::doEventLoop();
+  ASSERT_EQ(watchdog->stallCount(), 1u);
+  // The root's running task is the outer group's parent task; the thread is
+  // held by the worker two groups down.
+  const auto reports = capture.linesWith("stall: task");
+  ASSERT_EQ(reports.size(), 1u) << capture.text();
+  EXPECT_NE(reports[0].find("stall: task TaskGroup;outer of scheduler grouproot priority normal"), std::string::npos)
+      << reports[0];
+  const auto inside = capture.linesWith("stall: inside it");
+  ASSERT_EQ(inside.size(), 1u) << capture.text();
+  EXPECT_NE(inside[0].find("stall: inside it task worker of scheduler inner priority high was running"),
+            std::string::npos)
+      << inside[0];
+}
+
+TEST(StallWatchdog, StallOutsideAnyGroupHasNoInsideLine) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("plainroot");
+  Ptr<StallWatchdog> watchdog = StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds(20), 10);
+  auto spinner = stallingTask(root, "alone", watchdog);
+  KestoTest::TraceCapture capture({1}, watchdogTraceHandler());
+  spinner->scheduleTask();
+  Platform::doEventLoop();
+  ASSERT_EQ(capture.linesWith("stall: task alone").size(), 1u) << capture.text();
+  EXPECT_TRUE(capture.linesWith("stall: inside it").empty()) << capture.text();
+}
 
 // The steady clock plus an offset the test moves forward: the scheduler and
 // the watchdog's signal handler read it, so the offset is a lock-free atomic.

@@ -18,7 +18,8 @@
 // and its run start (all kept by the scheduler for every run) with what it
 // saw one period earlier. The same run seen twice, running for at least the
 // threshold, is a stall: the handler copies the task's scheduler, name and
-// priority, the elapsed time and a backtrace of the thread into memory
+// priority (and those of the task running inside it when it is a group's
+// parent task), the elapsed time and a backtrace of the thread into memory
 // prepared at arming (no allocation, no lock), and marks the root. While the
 // same run goes on, later signals only update the elapsed time: one stall,
 // one report. The report is written as trace lines of the handler
@@ -81,7 +82,7 @@ public:
 
   // One stall as kept: names cut at 63 bytes, as the handler copies them.
   // A stall inside a task group is its parent task's, the task that holds
-  // the root's thread.
+  // the root's thread (the trace report adds the task running inside it).
   struct Stall {
     String taskName;
     String schedulerName;

@@ -11,6 +11,7 @@
 #include <Kesto/Core/Backtrace.h>
 #include <Kesto/Core/System.h>
 #include <Kesto/Debug/Trace.h>
+#include <Kesto/Scheduler/TaskGroup.h>
 #include <Kesto/Scheduler/TaskImpl.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
@@ -81,6 +82,11 @@ struct Slot {
   char taskName[nameCapacity] = {};
   char schedulerName[nameCapacity] = {};
   const char* priority = "";
+  // The task a group runs inside the stalled run of its parent task, the
+  // innermost one when groups nest; empty when the stalled task is no group.
+  char innerTaskName[nameCapacity] = {};
+  char innerSchedulerName[nameCapacity] = {};
+  const char* innerPriority = "";
   U64 suppressedBefore = 0;
   void* frames[StallWatchdog::backtraceDepth] = {};
   int frameCount = 0;
@@ -133,6 +139,21 @@ void queueStall(Slot& slot, const TaskImpl& task, I64 elapsed, bool reported) no
   p.reported = reported;
   slot.stallPendingIndex = written;
   slot.pendingWritten.store(written + 1, std::memory_order_release);
+}
+
+// The task that holds the thread inside `task`: while it is a group's
+// parent task and the group runs one of its own, that one. The depth bound
+// guards against a tree caught halfway through a change.
+const TaskImpl* innermostRunningTask(const TaskImpl& task) noexcept {
+  const TaskImpl* inner = &task;
+  for (unsigned depth = 0; depth < 16 && inner->isTaskGroup(); ++depth) {
+    const TaskGroup* group = static_cast<const TaskGroup::ParentTask*>(inner)->taskGroup();
+    const TaskImpl* next = group ? group->currentlyRunningTask().get() : nullptr;
+    if (!next || !next->taskCurrentlyRunning())
+      break;
+    inner = next;
+  }
+  return inner;
 }
 
 void* encodeValue(unsigned index, U32 generation) noexcept {
@@ -192,6 +213,10 @@ void observe(Slot& slot) noexcept {
   copyName(slot.taskName, task->taskName().view());
   copyName(slot.schedulerName, task->taskSchedulerName().view());
   slot.priority = task->taskPriority().isValid() ? task->taskPriority().toStrep() : "?";
+  const TaskImpl* inner = innermostRunningTask(*task);
+  copyName(slot.innerTaskName, inner != task ? inner->taskName().view() : std::string_view());
+  copyName(slot.innerSchedulerName, inner != task ? inner->taskSchedulerName().view() : std::string_view());
+  slot.innerPriority = inner->taskPriority().isValid() ? inner->taskPriority().toStrep() : "?";
   slot.suppressedBefore = slot.suppressedSinceReport;
   slot.suppressedSinceReport = 0;
   // backtrace() was called once at arming, so the unwinder is loaded and
@@ -425,6 +450,9 @@ void StallWatchdog::writePendingReport() {
     KESTO_TRACE(handler, 1, className, "stall: task {} of scheduler {} priority {} ran for at least {} (threshold {})",
                 slot.taskName, slot.schedulerName, slot.priority, durationToString(elapsed),
                 durationToString(threshold_));
+    if (slot.innerTaskName[0] != '\0')
+      KESTO_TRACE(handler, 1, className, "stall: inside it task {} of scheduler {} priority {} was running",
+                  slot.innerTaskName, slot.innerSchedulerName, slot.innerPriority);
     if (slot.suppressedBefore)
       KESTO_TRACE(handler, 1, className, "stall: {} earlier stalls not reported (at most {} reports per minute)",
                   slot.suppressedBefore, reportsPerMinute_);
