@@ -114,8 +114,11 @@ Slot slots[StallWatchdog::capacity];
 I64 schedulerClockNs() noexcept { return taskClockNow().time_since_epoch().count(); }
 
 void copyName(char (&to)[nameCapacity], std::string_view from) noexcept {
+  // An empty view may hold a null pointer, which memcpy must not be given
+  // even for no bytes.
   const std::size_t n = std::min(from.size(), nameCapacity - 1);
-  std::memcpy(to, from.data(), n);
+  if (n != 0)
+    std::memcpy(to, from.data(), n);
   to[n] = '\0';
 }
 
