@@ -1,4 +1,4 @@
-// kesto latency AGENT [--count N]: the agent's latest latency events, each
+// kesto latency [AGENT] [--count N]: the agent's latest latency events, each
 // late run with the runs that held the thread while it waited, as the
 // endpoint's "show agent task latency [N]" answers them.
 #include "Commands.h"
@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <optional>
+#include <string>
 
 namespace Kesto::Cmd {
 
@@ -21,7 +23,10 @@ int runLatency(const std::vector<std::string>& args) {
     std::fputs(usageText("latency"), stdout);
     return exitSuccess;
   }
-  arguments.expectOperands(1, 1, "AGENT");
+  arguments.expectOperands(0, 1, "");
+  std::optional<std::string> which;
+  if (!arguments.operands().empty())
+    which = arguments.operands().front();
   std::string command = "show agent task latency";
   if (const auto count = arguments.value("count")) {
     // The endpoint takes a count of 32 bits; more than that is all events.
@@ -30,7 +35,7 @@ int runLatency(const std::vector<std::string>& args) {
     command += std::to_string(std::min<unsigned long long>(n, std::numeric_limits<std::uint32_t>::max()));
   }
   const std::vector<AgentEntry> agents = listAgents();
-  const std::string answer = askAgent(selectAgent(agents, arguments.operands()[0]), command);
+  const std::string answer = askAgent(selectAgent(agents, which), command);
   std::fwrite(answer.data(), 1, answer.size(), stdout);
   std::fflush(stdout);
   return exitSuccess;

@@ -19,11 +19,12 @@ constexpr const char* overview =
     "  trace AGENT [--clear] LEVELS\n"
     "                            changes the agent's trace levels (as TRACE does) and shows them\n"
     "  reset AGENT               resets the agent's scheduler statistics\n"
-    "  latency AGENT [--count N] the agent's latest late runs and the runs that made them late\n"
+    "  latency [AGENT] [--count N]\n"
+    "                            the agent's latest late runs and the runs that made them late\n"
     "  timeline [AGENT]          the agent's recent scheduling as a Trace Event Format document\n"
     "\n"
-    "AGENT is a pid or an agent's name; show, watch and timeline may leave it out\n"
-    "when exactly one agent runs. `kesto COMMAND --help` describes a command.\n"
+    "AGENT is a pid or an agent's name; show, watch, latency and timeline may leave\n"
+    "it out when exactly one agent runs. `kesto COMMAND --help` describes a command.\n"
     "\n"
     "exit status: 0 success, 1 the agent reported an error or could not be reached,\n"
     "2 usage error; a failure prints one line on standard error.\n";
@@ -72,7 +73,7 @@ constexpr const char* resetUsage =
     "until the reset has ended.\n";
 
 constexpr const char* latencyUsage =
-    "usage: kesto latency AGENT [--count N]\n"
+    "usage: kesto latency [AGENT] [--count N]\n"
     "\n"
     "Prints the agent's latest latency events, newest first: each run that started\n"
     "at least the agent's threshold after its task was scheduled, with the runs\n"

@@ -45,7 +45,7 @@ std::function<void()> joinNamespaceOf(pid_t pid) {
   };
 }
 
-TEST(KestoAgentLeftOut, OnlyAgentRunningIsTheOneShownAndWatched) {
+TEST(KestoAgentLeftOut, OnlyAgentRunningIsTheOneShownWatchedAndAskedForLatencyAndTimeline) {
   if (const std::string why = namespacesUnavailable(); !why.empty())
     GTEST_SKIP() << why;
   DemoAgent agent("60", enterNewNamespace);
@@ -65,6 +65,14 @@ TEST(KestoAgentLeftOut, OnlyAgentRunningIsTheOneShownAndWatched) {
   const ChildResult watch = runKesto({"watch", "--count", "1", "--match", "^feed$"}, inside);
   EXPECT_TRUE(watch.exitedWith(0)) << watch.err;
   EXPECT_EQ(watch.out.rfind("kesto watch: " + agent.label() + ", every 2 s, report 1 at ", 0), 0u) << watch.out;
+
+  const ChildResult latency = runKesto({"latency"}, inside);
+  EXPECT_TRUE(latency.exitedWith(0)) << latency.err;
+  EXPECT_EQ(latency.out.rfind("latency culprits of main: threshold 100ms, ", 0), 0u) << latency.out;
+
+  const ChildResult timeline = runKesto({"timeline"}, inside);
+  EXPECT_TRUE(timeline.exitedWith(0)) << timeline.err;
+  EXPECT_EQ(timeline.out.rfind("{\"traceEvents\":[", 0), 0u) << timeline.out.substr(0, 200);
 }
 
 TEST(KestoAgentLeftOut, TwoAgentsRunningIsAUsageError) {
