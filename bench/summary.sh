@@ -21,7 +21,7 @@ run() { # file benchmark filter
     --benchmark_report_aggregates_only=true --benchmark_format=json >"$out/$name.json"
 }
 
-run root bench_root_bench '^BM_(RootChain|BareChain)$'
+run root bench_root_bench '^BM_(RootChain|RootChainWatchdog|RootChainLatencyOn|BareChain)$'
 run pass bench_scheduler_bench '^BM_SchedulerPass$'
 run wheel bench_timerwheel_bench '^(StartStop|Rearm|Fire200ms)/'
 run clock bench_clock_bench '^ClockRead/'
@@ -53,7 +53,9 @@ awk -F'\t' -v reps="$reps" '
   function pick(run, agg, field,   k) {
     for (k in val) {
       split(k, p, SUBSEP)
-      if (index(p[1], run) == 1 && p[2] == agg && p[3] == field) return val[k]
+      # The run itself, or one of its arguments ("StartStop/wheel/..."), not
+      # another run whose name it begins ("BM_RootChainWatchdog").
+      if ((p[1] == run || index(p[1], run "/") == 1) && p[2] == agg && p[3] == field) return val[k]
     }
     return ""
   }
@@ -68,14 +70,16 @@ awk -F'\t' -v reps="$reps" '
     if (kind == "ratio") verdict = (rm > 0 && m / rm <= target) ? "met" : "missed"
     else if (kind == "below") verdict = (rm > 0 && m < rm) ? "met" : "missed"
     else verdict = (m <= target) ? "met" : "missed"
-    printf "%-34s %16s %18s %8s %10s %7s\n", label, sprintf("%.1f +- %.1f", m, s), refText, ratio,
+    printf "%-44s %16s %18s %8s %10s %7s\n", label, sprintf("%.1f +- %.1f", m, s), refText, ratio,
       (kind == "ratio" ? "<= " target "x" : kind == "below" ? "< 1x" : "<= " target " ns"), verdict
   }
   { val[$1, $2, $3] = $4 }
   END {
     printf "\nSummary: ns, median +- standard deviation of %d runs; reference measured in the same process\n", reps
-    printf "%-34s %16s %18s %8s %10s %7s\n", "figure", "ours", "reference", "ratio", "target", ""
+    printf "%-44s %16s %18s %8s %10s %7s\n", "figure", "ours", "reference", "ratio", "target", ""
     row("dispatch, one task run (libevent chain)", "BM_RootChain", "ns_per_run", "BM_BareChain", "ns_per_run", 1e9, "ratio", 1.25)
+    row("dispatch, stall watchdog on (off)", "BM_RootChainWatchdog", "ns_per_run", "BM_RootChain", "ns_per_run", 1e9, "ratio", 1.02)
+    row("dispatch, latency culprits on (off)", "BM_RootChainLatencyOn", "ns_per_run", "BM_RootChain", "ns_per_run", 1e9, "ratio", 1.02)
     row("scheduler pass, history on", "BM_SchedulerPass", "cpu_time", "-", "", 1, "ns", 100)
     row("wheel start+stop, 1e6 armed (libevent)", "StartStop/wheel", "cpu_time", "StartStop/libevent", "cpu_time", 1, "ns", 45)
     row("wheel re-arm, 1e6 armed (libevent)", "Rearm/wheel", "cpu_time", "Rearm/libevent", "cpu_time", 1, "ns", 150)
