@@ -53,8 +53,8 @@ struct Names {
   std::vector<std::string> schedulers;
 };
 
-// Short names: identifiers past the short-string limit are deduplicated
-// into a table that lives as long as the process.
+// A name of up to 14 bytes, or one of three hostile ones: long enough for
+// every kind of byte sequence, short enough for dozens in one input.
 std::string randomName(FuzzInput& in) {
   const uint8_t kind = in.byte() % 8;
   switch (kind) {
