@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <functional>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -337,6 +338,48 @@ TEST(SnapshotTimeline, NamesWithQuotesControlBytesAndInvalidUtf8GiveValidJson) {
   EXPECT_EQ(runs[0].args.at("task"), "N " + shown);
   EXPECT_EQ(t.processName, "proc\x02\xEF\xBF\xBD");
   EXPECT_NE(t.tid("root\xEF\xBF\xBD\"x"), 0u);
+}
+
+TEST(SnapshotTimeline, StampsAtOppositeEndsOfTheRangeGiveTheirExactDistance) {
+  // 2^64 - 1 ns apart: more than an I64 holds, and the difference used to
+  // wrap to -1 ns ("-0.001").
+  constexpr long long least = std::numeric_limits<long long>::min();
+  constexpr long long most = std::numeric_limits<long long>::max();
+  std::vector<Event> events{
+      Event(at(most), Type::schedule, String("N outer")),
+      Event(at(most), Type::runEnd, String("N outer")),
+      Event(at(least), Type::runStart, String("N outer")),
+  };
+  const TimelineDocument t = render(handMade(events));
+  ASSERT_TRUE(t.parsed) << t.error;
+  EXPECT_EQ(t.other("originNs"), "-9223372036854775808");
+  const auto runs = t.where("X", "run", "outer");
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_EQ(runs[0].ts, "0.000");
+  EXPECT_EQ(runs[0].dur, "18446744073709551.615");
+  const auto ticks = t.where("i", "schedule");
+  ASSERT_EQ(ticks.size(), 1u);
+  EXPECT_EQ(ticks[0].ts, "18446744073709551.615");
+}
+
+TEST(SnapshotTimeline, RingStampedByAClockSetBackCountsFromItsLeastStamp) {
+  // Oldest first: a schedule at 5 us, then the clock set back 3 us for a
+  // whole run. Counting from the oldest event put the run at -3 us.
+  std::vector<Event> events{
+      Event(at(3'000), Type::runEnd, String("N outer")),
+      Event(at(2'000), Type::runStart, String("N outer")),
+      Event(at(5'000), Type::schedule, String("N outer")),
+  };
+  const TimelineDocument t = render(handMade(events));
+  ASSERT_TRUE(t.parsed) << t.error;
+  EXPECT_EQ(t.other("originNs"), "2000");
+  const auto runs = t.where("X", "run", "outer");
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_EQ(runs[0].ts, "0.000");
+  EXPECT_EQ(runs[0].dur, "1.000");
+  const auto ticks = t.where("i", "schedule");
+  ASSERT_EQ(ticks.size(), 1u);
+  EXPECT_EQ(ticks[0].ts, "3.000");
 }
 
 TEST(SnapshotTimeline, EmptyHistoryGivesAValidDocumentWithOnlyMetadata) {

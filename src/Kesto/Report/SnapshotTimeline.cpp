@@ -19,6 +19,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -65,12 +66,15 @@ std::size_t utf8SequenceLength(const unsigned char* p, std::size_t n) noexcept {
   return 0;
 }
 
-// A time in microseconds with three decimals: nanoseconds written exactly,
-// where a double of a long-running agent's stamps would round.
-void writeMicros(Writer& w, I64 ns) {
+// The time from `from` to `to` in microseconds with three decimals:
+// nanoseconds written exactly, where a double of a long-running agent's
+// stamps would round. The difference is taken on 64 unsigned bits, where
+// it always fits: two stamps of a corrupt or hand-made ring may lie at
+// opposite ends of the range, 2^64 - 1 ns apart, which no I64 holds.
+void writeMicros(Writer& w, I64 from, I64 to) {
   char text[32];
-  const bool negative = ns < 0;
-  const U64 magnitude = negative ? U64(0) - U64(ns) : U64(ns);
+  const bool negative = to < from;
+  const U64 magnitude = negative ? U64(from) - U64(to) : U64(to) - U64(from);
   const auto end = fmt::format_to_n(text, sizeof text, "{}{}.{:03}", negative ? "-" : "", magnitude / 1000,
                                     magnitude % 1000);
   w.RawValue(text, end.size, rapidjson::kNumberType);
@@ -181,7 +185,13 @@ private:
     if (history && !history->events.empty()) {
       ringStart_ = nanos(history->events.back().timestamp);
       ringEnd_ = nanos(history->events.front().timestamp);
+      // The steady clock makes the oldest event the earliest, but a ring
+      // stamped by a clock that was set back (a test's manual clock, a
+      // copy from elsewhere) is not ordered: take the least stamp, so that
+      // no "ts" is negative, which viewers draw before the process began.
       origin_ = ringStart_;
+      for (const TaskSchedulerHistory::Event& e : history->events)
+        origin_ = std::min(origin_, nanos(e.timestamp));
       any = true;
     }
     for (const StallWatchdog::Stall& stall : s_.stalls) {
@@ -289,9 +299,9 @@ private:
     w_.String("run");
     common("X", r.track);
     key("ts");
-    writeMicros(w_, r.start - origin_);
+    writeMicros(w_, origin_, r.start);
     key("dur");
-    writeMicros(w_, end > r.start ? end - r.start : 0);
+    writeMicros(w_, r.start, end > r.start ? end : r.start);
     key("args");
     w_.StartObject();
     key("task");
@@ -344,7 +354,7 @@ private:
     key("s");
     w_.String("t");
     key("ts");
-    writeMicros(w_, nanos(e.timestamp) - origin_);
+    writeMicros(w_, origin_, nanos(e.timestamp));
     key("args");
     w_.StartObject();
     key(schedulerEvent ? "scheduler" : "task");
@@ -421,9 +431,9 @@ private:
       w_.String("stall");
       common("X", stallTrack(stall));
       key("ts");
-      writeMicros(w_, start - origin_);
+      writeMicros(w_, origin_, start);
       key("dur");
-      writeMicros(w_, stall.elapsed.count() > 0 ? stall.elapsed.count() : 0);
+      writeMicros(w_, 0, stall.elapsed.count() > 0 ? stall.elapsed.count() : 0);
       // A colour name of the viewers' palette: the red of a bad frame.
       key("cname");
       w_.String("terrible");
