@@ -1,7 +1,8 @@
 // The workload the example agents share: a feed timer writes bursts of
 // datagrams into a socketpair, a descriptor task reads them at high priority
 // and hands them to a cruncher that works them off in slices that end when
-// its quantum is used.
+// its quantum is used; shards of an indexer, small timer tasks of a group,
+// do a little work each period.
 //
 // Owner: the agent's main(), on the thread of its root scheduler. The tasks
 // are plain heap objects held by Ptr; each brings its own deallocation.
@@ -151,6 +152,29 @@ private:
   unsigned maxBurst_;
   U64 sent_ = 0;
   U64 refused_ = 0;
+};
+
+// One shard of an indexer: `work` steps of arithmetic, then the same again
+// after `period` seconds, less up to 20 %.
+class Shard : public TimerTask {
+public:
+  Shard(const Ptr<TaskScheduler>& group, TaskPriority priority, const char* name, unsigned index, unsigned work,
+        double period)
+      : TimerTask(group, priority, name), index_(index), work_(work), period_(period) {}
+  EXAMPLE_TASK_DELETE
+
+  void taskExecute() override {
+    for (unsigned i = 0; i < work_; ++i)
+      state_ = state_ * 6364136223846793005ULL + index_ + i;
+    taskWorkCountInc(work_);
+    scheduleTaskJitterDown(period_, 20);
+  }
+
+private:
+  unsigned index_;
+  unsigned work_;
+  double period_;
+  U64 state_ = 0;
 };
 
 } // namespace KestoExample

@@ -129,25 +129,6 @@ public:
   void taskExecute() override { taskWorkCountInc(1); }
 };
 
-// One shard of the indexer: a little work four times a second.
-class Shard : public TimerTask {
-public:
-  Shard(const Ptr<TaskScheduler>& group, unsigned index)
-      : TimerTask(group, index % 4 == 0 ? TaskPriority::high : TaskPriority::normal, "shard"), index_(index) {}
-  EXAMPLE_TASK_DELETE
-
-  void taskExecute() override {
-    for (unsigned i = 0; i < 64; ++i)
-      state_ = state_ * 6364136223846793005ULL + index_ + i;
-    taskWorkCountInc(64);
-    scheduleTaskJitterDown(0.25, 20);
-  }
-
-private:
-  unsigned index_;
-  U64 state_ = 0;
-};
-
 // The operator of the virtual hour: suspends the indexer at minute 20,
 // resumes it at minute 30 and resets the statistics of the whole tree at
 // the same moment.
@@ -351,7 +332,9 @@ int main(int argc, char** argv) {
   constexpr unsigned shardCount = 40;
   std::vector<Ptr<Shard>> shards;
   for (unsigned i = 0; i < shardCount; ++i) {
-    shards.push_back(Ptr<Shard>(new Shard(indexer, i)));
+    // A little work four times a second; one shard in four at high priority.
+    shards.push_back(Ptr<Shard>(
+        new Shard(indexer, i % 4 == 0 ? TaskPriority::high : TaskPriority::normal, "shard", i, 64, 0.25)));
     shards.back()->scheduleTaskJitterUp(0.25, 100);
   }
   Ptr<Operator> op(new Operator(root, indexer));

@@ -128,24 +128,6 @@ private:
   U64 spawned_ = 0;
 };
 
-class Shard : public TimerTask {
-public:
-  Shard(const Ptr<TaskScheduler>& group, unsigned index, const char* name)
-      : TimerTask(group, TaskPriority::normal, name), index_(index) {}
-  EXAMPLE_TASK_DELETE
-
-  void taskExecute() override {
-    for (unsigned i = 0; i < 256; ++i)
-      state_ = state_ * 6364136223846793005ULL + index_ + i;
-    taskWorkCountInc(256);
-    scheduleTaskJitterDown(0.1, 20);
-  }
-
-private:
-  unsigned index_;
-  U64 state_ = 0;
-};
-
 // ---- the slow reader ------------------------------------------------------------
 
 // Reads at most `chunk` bytes every 100 ms from its end of the socketpair.
@@ -328,7 +310,8 @@ int main() {
                                                 TaskGroupPriorityEnforcement::onlyAllowRegularPriorities, indexer);
   std::vector<Ptr<Shard>> shards;
   for (unsigned i = 0; i < 16; ++i)
-    shards.push_back(Ptr<Shard>(new Shard(i < 10 ? indexer : shelf, i, i < 10 ? "shard" : "shelf-shard")));
+    shards.push_back(Ptr<Shard>(new Shard(i < 10 ? indexer : shelf, TaskPriority::normal,
+                                          i < 10 ? "shard" : "shelf-shard", i, 256, 0.1)));
 
   SlowReader reader(reports[1], 8192);
   Ptr<Reporter> reporter(new Reporter(root, reports[0]));
