@@ -87,7 +87,7 @@ TEST(KestoUsage, ExpressionWithABlankIsAUsageError) {
 
 TEST(KestoUsage, AgentThatDoesNotRunCannotBeReached) {
   const std::string pid = std::to_string(INT_MAX);
-  for (const char* command : {"show", "watch", "reset", "latency"})
+  for (const char* command : {"show", "watch", "reset", "latency", "timeline"})
     expectFailureLine(runKesto({command, pid}), 1, "no agent '" + pid + "' is running");
   expectFailureLine(runKesto({"trace", pid, "KestoUtil/5"}), 1, "no agent '" + pid + "' is running");
 }

@@ -14,6 +14,7 @@
 #include <KestoSupport/TimelineDocument.h>
 #include <KestoSupport/TraceCapture.h>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <time.h>
@@ -301,6 +302,29 @@ TEST(StallWatchdog, FirstReportOfTheNextMinuteSaysHowManyStallsTheLimitLeftOut) 
   // It comes with the report of "fourth", after the first report's lines.
   const std::string text = capture.text();
   EXPECT_LT(text.find("stall: task first"), text.find("earlier stalls not reported"));
+}
+
+TEST(StallWatchdog, ThresholdBeyondADayIsRefusedAndANegativeOneIsRaisedToTheLeast) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("hostileroot");
+  for (const auto threshold : {StallWatchdog::maxThreshold + std::chrono::milliseconds(1),
+                               std::chrono::milliseconds::max()}) {
+    try {
+      StallWatchdog::StallWatchdogIs(root, threshold, 1);
+      ADD_FAILURE() << "no exception for " << threshold.count();
+    } catch (const RuntimeException& e) {
+      EXPECT_NE(std::string(e.what()).find(fmt::format("threshold {}ms is beyond 86400000ms", threshold.count())),
+                std::string::npos)
+          << e.what();
+    }
+  }
+  // Nothing was armed by the refusals: the root takes a watchdog, at the
+  // longest threshold and then, once that is gone, at a negative one.
+  Ptr<StallWatchdog> longest = StallWatchdog::StallWatchdogIs(root, StallWatchdog::maxThreshold, 1);
+  EXPECT_EQ(longest->threshold(), StallWatchdog::maxThreshold);
+  longest = nullptr;
+  Ptr<StallWatchdog> negative =
+      StallWatchdog::StallWatchdogIs(root, std::chrono::milliseconds::min(), 0);
+  EXPECT_EQ(negative->threshold(), std::chrono::milliseconds(2));
 }
 
 TEST(StallWatchdog, KeptStallsIncludeThoseTheRateLimitLeftOutOldestFirst) {

@@ -8,6 +8,7 @@
 #include <Kesto/Scheduler/TaskGroup.h>
 #include <Kesto/Scheduler/TaskSchedulerRoot.h>
 
+#include <KestoSupport/AssertMessage.h>
 #include <KestoSupport/TestScheduler.h>
 #include <KestoSupport/TimelineDocument.h>
 
@@ -415,6 +416,21 @@ TEST(SnapshotTimeline, FailedSnapshotGivesAValidDocumentCarryingItsError) {
   EXPECT_EQ(t.tracks.size(), 1u);
   EXPECT_EQ(t.other("generalError"), "std::bad_alloc");
   EXPECT_EQ(t.other("history"), "false");
+}
+
+TEST(SnapshotTimeline, NullSnapshotIsAProgrammingError) {
+  const std::string text = assertText([] { snapshotTimelineToString(Ptr<TaskSchedulerSnapshot const>()); });
+  EXPECT_NE(text.find("no snapshot to draw a timeline of"), std::string::npos) << text;
+}
+
+TEST(SnapshotTimeline, EmptyPathIsARunTimeErrorAndWritesNothing) {
+  Ptr<TaskSchedulerRoot> root = schedulerRootKestoNonShared("emptypathroot");
+  try {
+    snapshotTimelineToFile(take(*root), String(""));
+    ADD_FAILURE() << "no exception";
+  } catch (const RuntimeException& e) {
+    EXPECT_NE(std::string(e.what()).find("timeline : No such file or directory"), std::string::npos) << e.what();
+  }
 }
 
 TEST(SnapshotTimeline, ToFileWritesTheSameDocumentAndAFailureNamesThePath) {

@@ -73,6 +73,8 @@ class KESTO_EXPORT StallWatchdog final : public RefCount<HTCnt> {
 public:
   // Frames kept of the stalled thread's backtrace.
   static constexpr unsigned backtraceDepth = 48;
+  // The longest threshold: one day.
+  static constexpr std::chrono::milliseconds maxThreshold{24 * 60 * 60 * 1000};
   // Armed watchdogs in the process at one time.
   static constexpr unsigned capacity = 64;
   // Stalls kept for stalls(): at the default of 10 reports a minute, 16 is
@@ -100,8 +102,9 @@ public:
 
   // Arms a watchdog on `root`, from the root's thread. A threshold under
   // 2 ms is raised to 2 ms (the CPU-time clock is sampled at the kernel's
-  // tick, 4 ms at 250 Hz, so finer periods only add signals). Throws
-  // RuntimeException if the root already has one, if `capacity` are armed,
+  // tick, 4 ms at 250 Hz, so finer periods only add signals); so is a
+  // negative one. Throws RuntimeException for a threshold above
+  // maxThreshold, if the root already has one, if `capacity` are armed,
   // if the signal carries another handler, or if the timer can't be made.
   static Ptr<StallWatchdog> StallWatchdogIs(const Ptr<TaskSchedulerRoot>& root,
                                             std::chrono::milliseconds threshold, U32 reportsPerMinute);

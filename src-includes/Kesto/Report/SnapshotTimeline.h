@@ -54,7 +54,8 @@ struct KESTO_EXPORT SnapshotTimelineOptions {
 
 // The timeline of `snapshot`, which should be taken with history (without
 // one, or with an error, the document holds only its metadata and says so
-// in otherData).
+// in otherData). A null snapshot is a programming error ("no snapshot to
+// draw a timeline of").
 KESTO_EXPORT std::string snapshotTimelineToString(const Ptr<TaskSchedulerSnapshot const>& snapshot,
                                                   const SnapshotTimelineOptions& options = {});
 

@@ -307,6 +307,11 @@ StallWatchdog::StallWatchdog(const Ptr<TaskSchedulerRoot>& root, std::chrono::mi
                              U32 reportsPerMinute)
     : root_(root), threshold_(std::max(threshold, std::chrono::milliseconds(2))),
       reportsPerMinute_(reportsPerMinute) {
+  // In nanoseconds a day fits 64 bits a hundred thousand times over; a
+  // longer threshold is a unit mistake, not a watchdog.
+  if (threshold > maxThreshold)
+    KESTO_THROW(Debug::kestoUtil, className, "threshold {}ms is beyond {}ms", threshold.count(),
+                maxThreshold.count());
   root_->sanityCheckCurrentRunningThread();
   if (root_->stallWatchdog_)
     KESTO_THROW(Debug::kestoUtil, className, "{} already has a stall watchdog", root_->schedulerName());

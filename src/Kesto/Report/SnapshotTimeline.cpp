@@ -521,6 +521,7 @@ private:
 
 std::string snapshotTimelineToString(const Ptr<TaskSchedulerSnapshot const>& snapshot,
                                      const SnapshotTimelineOptions& options) {
+  KESTO_ASSERT(snapshot, className, "no snapshot to draw a timeline of");
   const auto& impl = static_cast<const TaskSchedulerSnapshotImpl&>(*snapshot);
   return TimelineWriter(impl, options).render();
 }
